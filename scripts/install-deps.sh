@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs what the build needs on Debian 12, and only what is missing.
+#   scripts/install-deps.sh            native build, tests and benchmarks
+#   scripts/install-deps.sh --windows  also the MinGW-w64 cross compiler and Wine
+set -euo pipefail
+
+packages=(cmake g++ make libboost-thread-dev libgtest-dev googletest libbenchmark-dev libtbb-dev)
+if [[ "${1:-}" == "--windows" ]]; then
+  packages+=(g++-mingw-w64-x86-64-posix wine64)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg -s "$package" >/dev/null 2>&1; then
+    missing+=("$package")
+  fi
+done
+
+if (( ${#missing[@]} > 0 )); then
+  echo "installing: ${missing[*]}"
+  sudo_cmd=()
+  if [[ $(id -u) -ne 0 ]]; then sudo_cmd=(sudo); fi
+  "${sudo_cmd[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

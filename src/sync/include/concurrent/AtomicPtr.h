@@ -1,0 +1,40 @@
+// AtomicPtr<T>: a pointer cell shared between threads without a lock. It does not own what it
+// points at. Ordering as for Atomic<T>: get() acquires, every write is a full-barrier exchange or
+// compare-exchange.
+#ifndef MW_CONCURRENT_ATOMIC_PTR_H
+#define MW_CONCURRENT_ATOMIC_PTR_H
+
+#include <atomic>
+
+namespace mw {
+
+template <typename T>
+class AtomicPtr {
+public:
+    AtomicPtr(T* value = nullptr) : m_value(value) {}
+
+    AtomicPtr(const AtomicPtr& other) : m_value(nullptr) { set(other.get()); }
+
+    virtual ~AtomicPtr() {}
+
+    // Exchanges the source's value in; self-assignment does nothing.
+    AtomicPtr& operator=(const AtomicPtr& other) {
+        if (&other != this) set(other.get());
+        return *this;
+    }
+
+    T* get() const { return m_value.load(std::memory_order_acquire); }
+
+    void set(T* value) { m_value.exchange(value); }
+
+    bool compareAndSet(T* expect, T* update) {
+        return m_value.compare_exchange_strong(expect, update);
+    }
+
+private:
+    std::atomic<T*> m_value;
+};
+
+}  // namespace mw
+
+#endif

@@ -1,0 +1,35 @@
+// Concurrent.h: every public header of the library.
+#ifndef MW_CONCURRENT_CONCURRENT_H
+#define MW_CONCURRENT_CONCURRENT_H
+
+#include "AbstractQueuedSynchronizer.h"
+#include "Atomic.h"
+#include "AtomicPtr.h"
+#include "AutoPtr.h"
+#include "Condition.h"
+#include "Exception.h"
+#include "FairLockPolicy.h"
+#include "Guard.h"
+#include "IllegalArgumentException.h"
+#include "IllegalMonitorStateException.h"
+#include "IllegalStateException.h"
+#include "InterruptedException.h"
+#include "Lock.h"
+#include "NonFairLockPolicy.h"
+#include "NullPointerException.h"
+#include "Object.h"
+#include "ObjectDeallocator.h"
+#include "ParkEvent.h"
+#include "ReentrantLock.h"
+#include "Runnable.h"
+#include "TLockSync.h"
+#include "Thread.h"
+#include "ThreadBase.h"
+#include "ThreadStateException.h"
+#include "TimeUnit.h"
+#include "TimeUtil.h"
+#include "TlsPtr.h"
+#include "TlsPtrBase.h"
+#include "UnsupportedOperationException.h"
+
+#endif

@@ -1,0 +1,70 @@
+// Exception: the root of the library's own failures. Each object records where it was thrown and
+// carries the one-line message that what() returns:
+//   "Error in: <file> (<line>) <function>, Description: <description>"
+// The message is built once, in the constructor; a copy takes it over unchanged. From the end of
+// its constructor on an exception object is constant.
+#ifndef MW_CONCURRENT_EXCEPTION_H
+#define MW_CONCURRENT_EXCEPTION_H
+
+#include <exception>
+#include <sstream>
+#include <string>
+
+namespace mw {
+
+class Exception : public std::exception {
+public:
+    Exception(const std::string& file, const std::string& function, int line,
+              const std::string& description)
+        : std::exception(),
+          m_message(description),
+          m_file(file),
+          m_function(function),
+          m_line(line) {
+        std::ostringstream text;
+        text << "Error in: " << m_file << " (" << m_line << ") " << m_function
+             << ", Description: " << m_message;
+        m_message = text.str();
+    }
+
+    Exception(const Exception& other)
+        : std::exception(),
+          m_message(other.m_message),
+          m_file(other.m_file),
+          m_function(other.m_function),
+          m_line(other.m_line) {}
+
+    virtual ~Exception() noexcept {}
+
+    virtual const char* what() const noexcept { return m_message.c_str(); }
+
+private:
+    std::string m_message;
+    std::string m_file;
+    std::string m_function;
+    int m_line;
+};
+
+}  // namespace mw
+
+// Declares an exception type that differs from its base in type alone.
+#define MW_DECLARE_EXCEPTION(Name, Base)                                                    \
+    class Name : public Base {                                                              \
+    public:                                                                                 \
+        Name(const std::string& file, const std::string& function, int line,               \
+             const std::string& description)                                                \
+            : Base(file, function, line, description) {}                                   \
+        Name(const Name& other) : Base(other) {}                                            \
+    }
+
+// The one throw site form: builds the description, the enclosing function's signature and the
+// file name, in this order, then throws the exception by value.
+#define MW_THROW(Type, description)                                   \
+    do {                                                              \
+        const std::string mwDescription_(description);                \
+        const std::string mwFunction_(__PRETTY_FUNCTION__);           \
+        const std::string mwFile_(__FILE__);                          \
+        throw Type(mwFile_, mwFunction_, __LINE__, mwDescription_);   \
+    } while (false)
+
+#endif

@@ -1,0 +1,18 @@
+// MW_API marks what the library exports: the families of its external interface. Everything else
+// is hidden (-fvisibility=hidden on ELF, no dllexport on Windows).
+#ifndef MW_CONCURRENT_EXPORT_H
+#define MW_CONCURRENT_EXPORT_H
+
+#if defined(_WIN32)
+#if defined(MW_SYNC_BUILDING)
+#define MW_API __declspec(dllexport)
+#elif defined(MW_SYNC_STATIC)
+#define MW_API
+#else
+#define MW_API __declspec(dllimport)
+#endif
+#else
+#define MW_API __attribute__((visibility("default")))
+#endif
+
+#endif

@@ -1,0 +1,48 @@
+// TLockSync: the synchronizer behind ReentrantLock. m_state is the hold count (0: free);
+// m_owner is the holding thread, null when free. m_state leaves 0 only by compareAndSet; every
+// other change is made by the owner alone, by exchange. The most derived class, the policy,
+// decides how lock() and tryAcquire() treat queued threads.
+#ifndef MW_CONCURRENT_TLOCK_SYNC_H
+#define MW_CONCURRENT_TLOCK_SYNC_H
+
+#include <atomic>
+
+#include "AbstractQueuedSynchronizer.h"
+#include "Export.h"
+
+namespace mw {
+namespace detail {
+
+class MW_API TLockSync : public AbstractQueuedSynchronizer {
+public:
+    TLockSync();
+    TLockSync(const TLockSync& other);
+    TLockSync& operator=(const TLockSync& other);
+    virtual ~TLockSync();
+
+    // Throws IllegalMonitorStateException, changing nothing, unless the caller owns the lock.
+    virtual bool tryRelease(int releases);
+    virtual bool isHeldExclusively() const;
+    virtual void lock() = 0;
+
+    // Takes a free lock or adds to the caller's own hold, ignoring any queue. Never blocks.
+    bool nonfairTryAcquire(int acquires);
+    ConditionObject* newCondition() const;
+    const Thread* getOwner() const;
+    unsigned long long getHoldCount() const;
+    bool isLocked() const;
+
+protected:
+    // Records the winner of the compareAndSet that took the lock.
+    void setOwner(const Thread* owner) { m_owner.store(owner, std::memory_order_relaxed); }
+    const Thread* owner() const { return m_owner.load(std::memory_order_relaxed); }
+
+private:
+    // A whole-word field read by other threads without a lock; m_state's exchanges order it.
+    std::atomic<const Thread*> m_owner;
+};
+
+}  // namespace detail
+}  // namespace mw
+
+#endif

@@ -1,0 +1,59 @@
+// TimeUnit: the unit in which a duration is meant, with saturating conversion between units.
+// There are four constants, each made at its first use and torn down when the library is
+// unloaded, in the reverse order of first use; an accessor called after any teardown throws
+// std::runtime_error("Dead Reference Detected"). A reference from an accessor is valid until the
+// teardown of that constant. A constant never changes; any thread may use it.
+#ifndef MW_CONCURRENT_TIME_UNIT_H
+#define MW_CONCURRENT_TIME_UNIT_H
+
+#include <cstdint>
+#include <string>
+
+#include "Export.h"
+
+namespace mw {
+namespace detail {
+class TimeUnitConstant;
+}
+
+class MW_API TimeUnit {
+public:
+    static const TimeUnit& NANOSECONDS();
+    static const TimeUnit& MICROSECONDS();
+    static const TimeUnit& MILLISECONDS();
+    static const TimeUnit& SECONDS();
+
+    ~TimeUnit();
+
+    // duration, given in source, expressed in this unit. Finer units saturate at the limits of
+    // a signed 64-bit integer; coarser ones truncate toward zero.
+    long long convert(long long duration, const TimeUnit& source) const;
+    long long toNanos(long long duration) const;
+    long long toMicros(long long duration) const;
+    long long toMillis(long long duration) const;
+    long long toSeconds(long long duration) const;
+
+    const std::string& getName() const;
+    bool operator==(const TimeUnit& other) const;
+    bool operator!=(const TimeUnit& other) const;
+
+private:
+    friend class detail::TimeUnitConstant;
+
+    explicit TimeUnit(int index);
+    TimeUnit(const TimeUnit&) = delete;
+    TimeUnit& operator=(const TimeUnit&) = delete;
+
+    static long long doConvert(int delta, long long duration);
+
+    static const char* NAMES[4];
+    static const std::uint32_t MULTIPLIERS[4];
+    static const long long OVERFLOWS[4];
+
+    std::string m_name;
+    int m_index;
+};
+
+}  // namespace mw
+
+#endif

@@ -1,0 +1,426 @@
+#include "concurrent/AbstractQueuedSynchronizer.h"
+
+#include "Park.h"
+#include "ThreadInfoSlot.h"
+#include "concurrent/IllegalArgumentException.h"
+#include "concurrent/IllegalMonitorStateException.h"
+#include "concurrent/InterruptedException.h"
+#include "concurrent/Thread.h"
+#include "concurrent/TimeUtil.h"
+#include "concurrent/UnsupportedOperationException.h"
+
+// Orders that the queue's walkers depend on, labelled at both ends:
+//  [Q1] a node's prev is stored before the compare-exchange on m_tail that publishes it, so a
+//       walker that reaches the node from m_tail can always go on through prev. Pairs with the
+//       acquire loads of m_tail in every walk ([Q5]).
+//  [Q2] the predecessor's next is stored after that compare-exchange; until then next is null
+//       although a successor exists, so unparkSuccessor walks from m_tail when next is null.
+//  [Q3] setHead moves m_head before it clears the new head's thread and prev; the old head's next
+//       is cleared last, by the acquire loop.
+//  [Q4] cancelAcquire clears thread before status becomes CANCELLED, so a node seen with status
+//       0 or less may already have a null thread; wakers accept that.
+
+namespace mw {
+
+typedef AbstractQueuedSynchronizer::Node Node;
+
+AutoPtr<Node> Node::SHARED(new Node());
+AutoPtr<Node> Node::EXCLUSIVE;
+
+namespace {
+
+const char* const NOT_SUPPORTED = "Operation not supported in base implementation";
+
+Node* relaxedPrev(const Node* node) { return node->prev.load(std::memory_order_relaxed); }
+
+void storePrev(Node* node, Node* prev) { node->prev.store(prev, std::memory_order_relaxed); }
+
+}  // namespace
+
+// ---- state, copy, lifetime ----------------------------------------------------------------------
+
+AbstractQueuedSynchronizer::AbstractQueuedSynchronizer() : m_head(), m_tail(), m_state(0) {}
+
+// Exchanges the source's cells in; no node is copied, so a copy of a contended synchronizer
+// shares its chain with the source.
+AbstractQueuedSynchronizer::AbstractQueuedSynchronizer(const AbstractQueuedSynchronizer& other)
+    : m_head(other.m_head), m_tail(other.m_tail), m_state(other.m_state) {}
+
+AbstractQueuedSynchronizer& AbstractQueuedSynchronizer::operator=(
+    const AbstractQueuedSynchronizer& other) {
+    m_head = other.m_head;
+    m_tail = other.m_tail;
+    m_state = other.m_state;
+    return *this;
+}
+
+AbstractQueuedSynchronizer::~AbstractQueuedSynchronizer() {}
+
+bool AbstractQueuedSynchronizer::tryAcquire(int) { MW_THROW(UnsupportedOperationException, NOT_SUPPORTED); }
+
+bool AbstractQueuedSynchronizer::tryRelease(int) { MW_THROW(UnsupportedOperationException, NOT_SUPPORTED); }
+
+int AbstractQueuedSynchronizer::tryAcquireShared(int) {
+    MW_THROW(UnsupportedOperationException, NOT_SUPPORTED);
+}
+
+bool AbstractQueuedSynchronizer::tryReleaseShared(int) {
+    MW_THROW(UnsupportedOperationException, NOT_SUPPORTED);
+}
+
+bool AbstractQueuedSynchronizer::isHeldExclusively() const {
+    MW_THROW(UnsupportedOperationException, NOT_SUPPORTED);
+}
+
+// ---- nodes --------------------------------------------------------------------------------------
+
+Node* AbstractQueuedSynchronizer::newNode(const Thread* waiter, Node* mode) {
+    return new Node(waiter, mode);
+}
+
+Node* AbstractQueuedSynchronizer::newConditionNode() {
+    return new Node(detail::currentThreadFast(), Node::CONDITION);
+}
+
+void AbstractQueuedSynchronizer::retireOldHead(Node*) {}
+
+void AbstractQueuedSynchronizer::retireCancelled(Node*) {}
+
+// ---- the queue ----------------------------------------------------------------------------------
+
+// Links node at the tail, making the sentinel on first contention; returns its predecessor.
+// Lock-free; retries at once until the node is linked.
+Node* AbstractQueuedSynchronizer::enq(Node* node) {
+    for (;;) {
+        Node* t = m_tail.get();
+        if (t == nullptr) {
+            Node* sentinel = new Node();
+            if (m_head.compareAndSet(nullptr, sentinel)) {
+                m_tail.set(m_head.get());
+            } else {
+                delete sentinel;  // never published, so nobody else can hold it
+            }
+            continue;
+        }
+        storePrev(node, t);  // [Q1]
+        if (m_tail.compareAndSet(t, node)) {
+            t->next.set(node);  // [Q2]
+            return t;
+        }
+    }
+}
+
+Node* AbstractQueuedSynchronizer::addWaiter(Node* mode) {
+    Node* node = newNode(detail::currentThreadFast(), mode);
+    Node* pred = m_tail.get();
+    if (pred != nullptr) {
+        storePrev(node, pred);  // [Q1]
+        if (m_tail.compareAndSet(pred, node)) {
+            pred->next.set(node);  // [Q2]
+            return node;
+        }
+    }
+    enq(node);
+    return node;
+}
+
+// The status is left as it is: a SIGNAL set by the successor is what release reads later.
+void AbstractQueuedSynchronizer::setHead(Node* node) {
+    m_head.set(node);  // [Q3]
+    node->thread.store(nullptr, std::memory_order_seq_cst);
+    storePrev(node, nullptr);
+}
+
+// Wakes at most one thread: the successor by next if it is live, else the live node nearest to
+// the head found by the walk from m_tail.
+void AbstractQueuedSynchronizer::unparkSuccessor(Node* node) {
+    node->status.compareAndSet(Node::SIGNAL, 0);
+    detail::WakerScope waking;
+    Node* s = node->next.get();
+    if (s != nullptr && s->status.get() <= 0) {
+        unparkThread(detail::WakerScope::read(s->thread));
+        return;
+    }
+    const Thread* candidate = nullptr;
+    for (Node* t = m_tail.get(); t != nullptr && t != node; t = relaxedPrev(t)) {  // [Q5]
+        if (t->status.get() <= 0) candidate = detail::WakerScope::read(t->thread);
+    }
+    unparkThread(candidate);
+}
+
+// A false result makes the caller try to acquire once more before it parks.
+bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* node) {
+    int s = pred->status.get();
+    if (s < 0) return true;
+    if (s > 0) {
+        do {
+            retireCancelled(pred);
+            pred = relaxedPrev(pred);
+            storePrev(node, pred);
+        } while (pred->status.get() > 0);
+        pred->next.set(node);
+    } else {
+        pred->status.compareAndSet(0, Node::SIGNAL);
+    }
+    return false;
+}
+
+// Run by the node's own thread on a linked node that has not become the head.
+void AbstractQueuedSynchronizer::cancelAcquire(Node* node) {
+    if (node == nullptr) return;
+    Node* pred = relaxedPrev(node);
+    node->thread.store(nullptr, std::memory_order_seq_cst);  // [Q4]
+    while (pred->status.get() > 0) {
+        pred = relaxedPrev(pred);
+        storePrev(node, pred);
+    }
+    Node* predNext = pred->next.get();
+    node->status.set(Node::CANCELLED);  // [Q4]
+    if (node == m_tail.get() && m_tail.compareAndSet(node, pred)) {
+        pred->next.compareAndSet(predNext, nullptr);
+        return;
+    }
+    bool predTakesOver = pred != m_head.get() &&
+                         (pred->status.get() == Node::SIGNAL ||
+                          pred->status.compareAndSet(0, Node::SIGNAL)) &&
+                         pred->thread.load(std::memory_order_seq_cst) != nullptr;
+    if (predTakesOver) {
+        Node* next = node->next.get();
+        if (next != nullptr && next->status.get() <= 0) pred->next.compareAndSet(predNext, next);
+    } else {
+        unparkSuccessor(node);
+    }
+    node->next.set(node);
+}
+
+// ---- exclusive acquisition ----------------------------------------------------------------------
+
+bool AbstractQueuedSynchronizer::parkAndCheckInterrupt() {
+    parkCurrent();
+    return detail::currentThreadFast()->isInterrupted(true);
+}
+
+void AbstractQueuedSynchronizer::selfInterrupt() { detail::currentThreadFast()->interrupt(); }
+
+void AbstractQueuedSynchronizer::acquire(int arg) {
+    if (tryAcquire(arg)) return;
+    Node* node = addWaiter(Node::EXCLUSIVE.get());
+    if (acquireQueued(node, arg)) selfInterrupt();
+}
+
+// Every loop below gives its node up before any exception leaves it. A linked node always has a
+// predecessor until its own setHead, so the guard cancels only a node that still has one.
+#define MW_GIVE_UP_NODE_ON_EXCEPTION(node)                              \
+    catch (...) {                                                       \
+        if (relaxedPrev(node) != nullptr) cancelAcquire(node);          \
+        throw;                                                          \
+    }
+
+bool AbstractQueuedSynchronizer::acquireQueued(Node* node, int arg) {
+    bool interrupted = false;
+    try {
+        for (;;) {
+            Node* p = node->predecessor();
+            if (p == m_head.get() && tryAcquire(arg)) {
+                setHead(node);
+                p->next.set(nullptr);  // [Q3]
+                retireOldHead(p);
+                return interrupted;
+            }
+            if (shouldParkAfterFailedAcquire(p, node) && parkAndCheckInterrupt()) interrupted = true;
+        }
+    }
+    MW_GIVE_UP_NODE_ON_EXCEPTION(node)
+}
+
+void AbstractQueuedSynchronizer::acquireInterruptibly(int arg) {
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    if (!tryAcquire(arg)) doAcquireInterruptibly(arg);
+}
+
+void AbstractQueuedSynchronizer::doAcquireInterruptibly(int arg) {
+    Node* node = addWaiter(Node::EXCLUSIVE.get());
+    try {
+        for (;;) {
+            Node* p = node->predecessor();
+            if (p == m_head.get() && tryAcquire(arg)) {
+                setHead(node);
+                p->next.set(nullptr);  // [Q3]
+                retireOldHead(p);
+                return;
+            }
+            if (shouldParkAfterFailedAcquire(p, node) && parkAndCheckInterrupt()) break;
+        }
+    }
+    MW_GIVE_UP_NODE_ON_EXCEPTION(node)
+    cancelAcquire(node);
+    MW_THROW(InterruptedException, "");
+}
+
+bool AbstractQueuedSynchronizer::tryAcquireNanos(int arg, long long nanosTimeout) {
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    return tryAcquire(arg) || doAcquireNanos(arg, nanosTimeout);
+}
+
+// The acquire attempt comes before the time test, so a first waiter out of time still gets its
+// try. The clock is read once before queuing and once after each park.
+bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout) {
+    long long lastTime = TimeUtil::nanoTime();
+    Node* node = addWaiter(Node::EXCLUSIVE.get());
+    try {
+        for (;;) {
+            Node* p = node->predecessor();
+            if (p == m_head.get() && tryAcquire(arg)) {
+                setHead(node);
+                p->next.set(nullptr);  // [Q3]
+                retireOldHead(p);
+                return true;
+            }
+            if (nanosTimeout <= 0) {
+                cancelAcquire(node);
+                return false;
+            }
+            if (!shouldParkAfterFailedAcquire(p, node)) continue;
+            parkCurrentNanos(nanosTimeout);
+            if (detail::currentThreadFast()->isInterrupted(true)) break;
+            long long now = TimeUtil::nanoTime();
+            nanosTimeout += lastTime - now;
+            lastTime = now;
+        }
+    }
+    MW_GIVE_UP_NODE_ON_EXCEPTION(node)
+    cancelAcquire(node);
+    MW_THROW(InterruptedException, "");
+}
+
+#undef MW_GIVE_UP_NODE_ON_EXCEPTION
+
+bool AbstractQueuedSynchronizer::release(int arg) {
+    if (!tryRelease(arg)) return false;
+    Node* h = m_head.get();
+    if (h != nullptr && h->status.get() != 0) unparkSuccessor(h);
+    return true;
+}
+
+// ---- inspection ---------------------------------------------------------------------------------
+
+bool AbstractQueuedSynchronizer::hasQueuedThreads() const { return m_head.get() != m_tail.get(); }
+
+bool AbstractQueuedSynchronizer::hasContended() const { return m_head.get() != nullptr; }
+
+const Thread* AbstractQueuedSynchronizer::getFirstQueuedThread() const {
+    if (m_head.get() == m_tail.get()) return nullptr;
+    return fullGetFirstQueuedThread();
+}
+
+// The fast path accepts the head's successor only while it still has the head as predecessor and
+// a thread; otherwise the walk from m_tail returns the thread found nearest to the head.
+const Thread* AbstractQueuedSynchronizer::fullGetFirstQueuedThread() const {
+    Node* h = m_head.get();
+    if (h == nullptr) return nullptr;
+    Node* s = h->next.get();
+    if (s != nullptr) {
+        const Thread* st = s->thread.load(std::memory_order_seq_cst);
+        Node* sp = relaxedPrev(s);
+        if (st != nullptr && sp == m_head.get()) return st;
+    }
+    const Thread* first = nullptr;
+    Node* t = m_tail.get();
+    while (t != nullptr && t != m_head.get()) {
+        const Thread* tt = t->thread.load(std::memory_order_seq_cst);
+        t = relaxedPrev(t);
+        if (tt != nullptr) first = tt;
+    }
+    return first;
+}
+
+bool AbstractQueuedSynchronizer::isQueued(const Thread* thread) const {
+    if (thread == nullptr) MW_THROW(NullPointerException, "");
+    for (Node* p = m_tail.get(); p != nullptr; p = relaxedPrev(p)) {
+        if (p->thread.load(std::memory_order_seq_cst) == thread) return true;
+    }
+    return false;
+}
+
+unsigned long long AbstractQueuedSynchronizer::getQueueLength() const {
+    unsigned long long n = 0;
+    for (Node* p = m_tail.get(); p != nullptr; p = relaxedPrev(p)) {
+        if (p->thread.load(std::memory_order_seq_cst) != nullptr) ++n;
+    }
+    return n;
+}
+
+// The comparison follows each step, so the null that ends the chain compares too.
+bool AbstractQueuedSynchronizer::findNodeFromTail(const Node* node) const {
+    Node* t = m_tail.get();
+    if (t == node) return true;
+    while (t != nullptr) {
+        t = relaxedPrev(t);
+        if (t == node) return true;
+    }
+    return false;
+}
+
+// ---- the synchronizer's side of conditions ------------------------------------------------------
+
+// A prev that is set proves nothing alone: enq stores it before its compare-exchange may fail.
+bool AbstractQueuedSynchronizer::isOnSyncQueue(const Node* node) const {
+    if (node->status.get() == Node::CONDITION || relaxedPrev(node) == nullptr) return false;
+    if (node->next.get() != nullptr) return true;
+    return findNodeFromTail(node);
+}
+
+int AbstractQueuedSynchronizer::fullyRelease(Node* node) {
+    try {
+        int savedState = getState();
+        if (release(savedState)) return savedState;
+    } catch (...) {
+        node->status.set(Node::CANCELLED);
+        throw;
+    }
+    node->status.set(Node::CANCELLED);
+    MW_THROW(IllegalMonitorStateException, "");
+}
+
+// The compare-exchange from CONDITION to 0 decides a signal against a cancellation; only its
+// winner links the node. Usually the predecessor is only marked, and the release of its owner
+// wakes the waiter later.
+bool AbstractQueuedSynchronizer::transferForSignal(Node* node) {
+    if (!node->status.compareAndSet(Node::CONDITION, 0)) return false;
+    Node* p = enq(node);
+    int s = p->status.get();
+    if (s > 0 || !p->status.compareAndSet(s, Node::SIGNAL)) {
+        detail::WakerScope waking;
+        unparkThread(detail::WakerScope::read(node->thread));
+    }
+    return true;
+}
+
+// True if the interrupt or time-out came before any signal. If a signal won, its thread is
+// between the status change and the end of enq: the waiter must not go on with an unlinked node.
+bool AbstractQueuedSynchronizer::transferAfterCancelledWait(Node* node) {
+    if (node->status.compareAndSet(Node::CONDITION, 0)) {
+        enq(node);
+        return true;
+    }
+    while (!isOnSyncQueue(node)) Thread::yield();
+    return false;
+}
+
+bool AbstractQueuedSynchronizer::owns(const ConditionObject* condition) const {
+    if (condition == nullptr) MW_THROW(NullPointerException, "");
+    return condition->isOwnedBy(this);
+}
+
+bool AbstractQueuedSynchronizer::hasWaiters(const ConditionObject* condition) const {
+    if (!owns(condition)) MW_THROW(IllegalArgumentException, "Not owner");
+    return condition->hasWaiters();
+}
+
+unsigned long long AbstractQueuedSynchronizer::getWaitQueueLength(
+    const ConditionObject* condition) const {
+    if (!owns(condition)) MW_THROW(IllegalArgumentException, "Not owner");
+    return condition->getWaitQueueLength();
+}
+
+}  // namespace mw

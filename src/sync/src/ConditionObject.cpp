@@ -1,0 +1,276 @@
+#include "concurrent/AbstractQueuedSynchronizer.h"
+
+#include "Park.h"
+#include "ThreadInfoSlot.h"
+#include "concurrent/IllegalMonitorStateException.h"
+#include "concurrent/InterruptedException.h"
+#include "concurrent/Thread.h"
+#include "concurrent/TimeUnit.h"
+#include "concurrent/TimeUtil.h"
+
+// The list (m_waiterHead, m_waiterTail and each node's waiterLink while it is on the list) is
+// touched only by the thread that holds the synchronizer exclusively: in addConditionWaiter before
+// the hold is given up, in the sweep after it is back, and in the signal operations behind the
+// ownership test. Between giving up the hold and getting it back a waiter touches only its own
+// node and the sync queue.
+
+namespace mw {
+
+typedef AbstractQueuedSynchronizer::Node Node;
+typedef AbstractQueuedSynchronizer::ConditionObject ConditionObject;
+
+namespace {
+
+Node* link(const Node* node) { return node->waiterLink.load(std::memory_order_relaxed); }
+
+void setLink(Node* node, Node* next) { node->waiterLink.store(next, std::memory_order_relaxed); }
+
+}  // namespace
+
+ConditionObject::ConditionObject(const AbstractQueuedSynchronizer* owner)
+    : m_synchronizer(const_cast<AbstractQueuedSynchronizer*>(owner)),
+      m_waiterHead(nullptr),
+      m_waiterTail(nullptr) {}
+
+ConditionObject::ConditionObject(const ConditionObject& other)
+    : Condition(),
+      m_synchronizer(other.m_synchronizer),
+      m_waiterHead(other.m_waiterHead),
+      m_waiterTail(other.m_waiterTail) {}
+
+ConditionObject& ConditionObject::operator=(const ConditionObject& other) {
+    m_synchronizer = other.m_synchronizer;
+    m_waiterHead = other.m_waiterHead;
+    m_waiterTail = other.m_waiterTail;
+    return *this;
+}
+
+ConditionObject::~ConditionObject() {}
+
+bool ConditionObject::isOwnedBy(const AbstractQueuedSynchronizer* synchronizer) const {
+    return synchronizer == m_synchronizer;
+}
+
+void ConditionObject::checkHeld() const {
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
+}
+
+// ---- the list -----------------------------------------------------------------------------------
+
+Node* ConditionObject::addConditionWaiter() const {
+    Node* t = m_waiterTail;
+    if (t != nullptr && t->status.get() != Node::CONDITION) {
+        unlinkCancelledWaiters();
+        t = m_waiterTail;
+    }
+    Node* node = AbstractQueuedSynchronizer::newConditionNode();
+    if (t == nullptr) {
+        m_waiterHead = node;
+    } else {
+        setLink(t, node);
+    }
+    m_waiterTail = node;
+    return node;
+}
+
+// One pass that drops every node whose status is no longer CONDITION. Never changes a status.
+void ConditionObject::unlinkCancelledWaiters() const {
+    Node* trail = nullptr;
+    Node* t = m_waiterHead;
+    while (t != nullptr) {
+        Node* next = link(t);
+        if (t->status.get() == Node::CONDITION) {
+            trail = t;
+        } else {
+            setLink(t, nullptr);
+            if (trail == nullptr) {
+                m_waiterHead = next;
+            } else {
+                setLink(trail, next);
+            }
+            if (next == nullptr) m_waiterTail = trail;
+        }
+        t = next;
+    }
+}
+
+// ---- signalling ---------------------------------------------------------------------------------
+
+void ConditionObject::signal() const {
+    checkHeld();
+    Node* first = m_waiterHead;
+    if (first != nullptr) doSignal(first);
+}
+
+void ConditionObject::broadcast() const {
+    checkHeld();
+    Node* first = m_waiterHead;
+    if (first != nullptr) doSignalAll(first);
+}
+
+// Transfers the first node that can still be transferred; given-up nodes before it leave the list.
+void ConditionObject::doSignal(Node* first) const {
+    do {
+        m_waiterHead = link(first);
+        if (m_waiterHead == nullptr) m_waiterTail = nullptr;
+        setLink(first, nullptr);
+        if (m_synchronizer->transferForSignal(first)) return;
+        first = m_waiterHead;
+    } while (first != nullptr);
+}
+
+void ConditionObject::doSignalAll(Node* first) const {
+    m_waiterHead = nullptr;
+    m_waiterTail = nullptr;
+    while (first != nullptr) {
+        Node* next = link(first);
+        setLink(first, nullptr);
+        m_synchronizer->transferForSignal(first);
+        first = next;
+    }
+}
+
+// ---- waiting ------------------------------------------------------------------------------------
+
+int ConditionObject::checkInterruptWhileWaiting(Node* node) const {
+    if (!Thread::interrupted()) return 0;
+    return m_synchronizer->transferAfterCancelledWait(node) ? THROW_IE : REINTERRUPT;
+}
+
+void ConditionObject::reportInterruptAfterWait(int interruptMode) const {
+    if (interruptMode == THROW_IE) MW_THROW(InterruptedException, "");
+    if (interruptMode == REINTERRUPT) detail::currentThreadFast()->interrupt();
+}
+
+// The common end of the interruptible waits: the hold comes back with the saved state before
+// anything is reported, then the node leaves the list if others stand behind it.
+void ConditionObject::finishWait(Node* node, int savedState, int interruptMode) const {
+    if (m_synchronizer->acquireQueued(node, savedState) && interruptMode != THROW_IE) {
+        interruptMode = REINTERRUPT;
+    }
+    if (link(node) != nullptr) unlinkCancelledWaiters();
+    if (interruptMode != 0) reportInterruptAfterWait(interruptMode);
+}
+
+// Ownership is tested before the list is touched, so a thread that does not hold the
+// synchronizer cannot disturb the list under the real holder.
+void ConditionObject::await() const {
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    checkHeld();
+    Node* node = addConditionWaiter();
+    int savedState = m_synchronizer->fullyRelease(node);
+    int interruptMode = 0;
+    while (!m_synchronizer->isOnSyncQueue(node)) {
+        parkCurrent();
+        interruptMode = checkInterruptWhileWaiting(node);
+        if (interruptMode != 0) break;
+    }
+    finishWait(node, savedState, interruptMode);
+}
+
+void ConditionObject::awaitUninterruptibly() const {
+    checkHeld();
+    Node* node = addConditionWaiter();
+    int savedState = m_synchronizer->fullyRelease(node);
+    bool interrupted = false;
+    while (!m_synchronizer->isOnSyncQueue(node)) {
+        parkCurrent();
+        if (Thread::interrupted()) interrupted = true;
+    }
+    if (m_synchronizer->acquireQueued(node, savedState) || interrupted) {
+        AbstractQueuedSynchronizer::selfInterrupt();
+    }
+}
+
+// The time counts from just after the hold was given up. True whenever a signal reached the node
+// first, even if the time has run out by the return.
+bool ConditionObject::await(long long time, const TimeUnit& unit) const {
+    long long nanosTimeout = unit.toNanos(time);
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    checkHeld();
+    Node* node = addConditionWaiter();
+    int savedState = m_synchronizer->fullyRelease(node);
+    long long lastTime = TimeUtil::nanoTime();
+    bool timedOut = false;
+    int interruptMode = 0;
+    while (!m_synchronizer->isOnSyncQueue(node)) {
+        if (nanosTimeout <= 0) {
+            timedOut = m_synchronizer->transferAfterCancelledWait(node);
+            break;
+        }
+        parkCurrentNanos(nanosTimeout);
+        interruptMode = checkInterruptWhileWaiting(node);
+        if (interruptMode != 0) break;
+        long long now = TimeUtil::nanoTime();
+        nanosTimeout += lastTime - now;
+        lastTime = now;
+    }
+    finishWait(node, savedState, interruptMode);
+    return !timedOut;
+}
+
+// The result counts the time spent re-acquiring too.
+long long ConditionObject::awaitNanos(long long nanosTimeout) const {
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    checkHeld();
+    Node* node = addConditionWaiter();
+    int savedState = m_synchronizer->fullyRelease(node);
+    long long lastTime = TimeUtil::nanoTime();
+    int interruptMode = 0;
+    while (!m_synchronizer->isOnSyncQueue(node)) {
+        if (nanosTimeout <= 0) {
+            m_synchronizer->transferAfterCancelledWait(node);
+            break;
+        }
+        parkCurrentNanos(nanosTimeout);
+        interruptMode = checkInterruptWhileWaiting(node);
+        if (interruptMode != 0) break;
+        long long now = TimeUtil::nanoTime();
+        nanosTimeout += lastTime - now;
+        lastTime = now;
+    }
+    finishWait(node, savedState, interruptMode);
+    return lastTime + nanosTimeout - TimeUtil::nanoTime();
+}
+
+// Only a clock strictly later than the deadline times out.
+bool ConditionObject::awaitUntil(long long deadline) const {
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    checkHeld();
+    Node* node = addConditionWaiter();
+    int savedState = m_synchronizer->fullyRelease(node);
+    bool timedOut = false;
+    int interruptMode = 0;
+    while (!m_synchronizer->isOnSyncQueue(node)) {
+        if (TimeUtil::milliTime() > deadline) {
+            timedOut = m_synchronizer->transferAfterCancelledWait(node);
+            break;
+        }
+        parkCurrentUntil(deadline);
+        interruptMode = checkInterruptWhileWaiting(node);
+        if (interruptMode != 0) break;
+    }
+    finishWait(node, savedState, interruptMode);
+    return !timedOut;
+}
+
+// ---- inspection ---------------------------------------------------------------------------------
+
+bool ConditionObject::hasWaiters() const {
+    checkHeld();
+    for (Node* w = m_waiterHead; w != nullptr; w = link(w)) {
+        if (w->status.get() == Node::CONDITION) return true;
+    }
+    return false;
+}
+
+unsigned long long ConditionObject::getWaitQueueLength() const {
+    checkHeld();
+    unsigned long long n = 0;
+    for (Node* w = m_waiterHead; w != nullptr; w = link(w)) {
+        if (w->status.get() == Node::CONDITION) ++n;
+    }
+    return n;
+}
+
+}  // namespace mw

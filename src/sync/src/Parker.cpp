@@ -1,0 +1,48 @@
+#include "Parker.h"
+
+#include <atomic>
+
+#include "concurrent/TimeUtil.h"
+
+namespace mw {
+namespace detail {
+
+Parker::~Parker() {
+    m_thread = nullptr;
+    delete m_parkEvent;
+    m_parkEvent = nullptr;
+}
+
+// Between the first test of the interrupt flag and the publication of the ParkEvent an interrupt
+// would find nothing to wake. So the flag is tested again after publication: [P1] the ParkEvent
+// is exchanged in, a full fence follows, then the flag is read; Thread::interrupt sets the flag,
+// fences and reads the ParkEvent ([P2]). One of the two sees the other: either this thread skips
+// the wait, or the interrupter sets the event and the wait returns at once. The early tests stay
+// ahead of the publication, so a park that a pending permit ends never shows a parked state.
+void Parker::park(bool absolute, long long time) {
+    if (time < 0) return;
+    long long ms;
+    if (time == 0) {
+        ms = platform::INFINITE_WAIT;
+    } else if (absolute) {
+        ms = time - TimeUtil::milliTime();
+        if (ms <= 0) return;
+    } else {
+        ms = time / 1000000;
+        if (ms == 0) ms = 1;
+    }
+    if (m_parkEvent == nullptr) m_parkEvent = new ParkEvent(this);
+    if (!m_thread->isInterrupted(false) && platform::waitEvent(m_event, 0) != platform::WAIT_SIGNALED) {
+        m_parkEvent->setState(ms == platform::INFINITE_WAIT ? Thread::PARKED : Thread::TIMED_PARKED);
+        m_thread->setEvent(m_parkEvent);
+        std::atomic_thread_fence(std::memory_order_seq_cst);  // [P1] pairs with [P2]
+        if (!m_thread->isInterrupted(false)) {
+            platform::waitEvent(m_event, static_cast<std::uint32_t>(ms));
+        }
+    }
+    platform::resetEvent(m_event);
+    m_thread->setEvent(nullptr);
+}
+
+}  // namespace detail
+}  // namespace mw

@@ -1,0 +1,48 @@
+// Parker: the one place where a thread blocks. Owned by its Thread; wraps one auto-reset OS event
+// whose being set is the thread's permit (one bit: permits do not accumulate). unpark() may be
+// called by any thread at any time and never blocks. park() is called only by the owner; it may
+// return early for no reason, so every caller re-tests its own condition.
+#ifndef MW_SYNC_PARKER_H
+#define MW_SYNC_PARKER_H
+
+#include <boost/noncopyable.hpp>
+
+#include "concurrent/ParkEvent.h"
+#include "concurrent/Thread.h"
+#include "platform.h"
+
+namespace mw {
+namespace detail {
+
+class ParkerBase {
+public:
+    ParkerBase() : m_event(platform::createEvent()) {}
+    virtual ~ParkerBase() { platform::closeEvent(m_event); }
+
+protected:
+    platform::Handle m_event;
+};
+
+class Parker : public ParkerBase, private boost::noncopyable {
+public:
+    Parker() : m_thread(nullptr), m_parkEvent(nullptr) {}
+    virtual ~Parker();
+
+    // time 0: no limit. Relative times are nanoseconds (under 1 ms waits 1 ms); absolute times
+    // are milliseconds on TimeUtil::milliTime. A negative time, or an absolute one not later than
+    // now, returns at once and touches nothing. Every other path ends with the permit dropped.
+    void park(bool absolute, long long time);
+    void unpark() { platform::setEvent(m_event); }
+
+    static Parker* of(const Thread* thread) { return thread->m_parker; }
+
+    Thread* m_thread;
+
+private:
+    ParkEvent* m_parkEvent;
+};
+
+}  // namespace detail
+}  // namespace mw
+
+#endif

@@ -1,0 +1,41 @@
+#include "ThreadInfoSlot.h"
+
+namespace mw {
+namespace detail {
+namespace {
+
+// A thread that the OS announces is adopted before its entry function runs.
+void onThreadAttach() { Thread::currentThread(); }
+
+// A thread on its way out loses its record, and with it its thread-local values and, when the
+// record owns it, its Thread. A thread without a record (one older than the load) is fine.
+void onThreadDetach() { s_threadInfo.reset(nullptr); }
+
+}  // namespace
+
+ThreadInfoSlot::ThreadInfoSlot(Cleaner cleaner) : TlsPtrBase(cleaner) {
+    platform::installThreadHooks(&onThreadAttach, &onThreadDetach);
+}
+
+ThreadInfoSlot::~ThreadInfoSlot() noexcept(false) {
+    platform::removeThreadHooks();
+    platform::cacheThreadRecord(nullptr);
+}
+
+void* ThreadInfoSlot::set(void* value) {
+    void* old = TlsPtrBase::set(value);
+    platform::cacheThreadRecord(value);
+    return old;
+}
+
+ThreadInfo* readThreadInfoSlot() {
+    std::uint32_t lastError = platform::getLastError();
+    void* value = platform::tlsGetValue(static_cast<std::uint32_t>(s_threadInfo.getId()));
+    platform::setLastError(lastError);
+    return static_cast<ThreadInfo*>(value);
+}
+
+ThreadInfoPtr s_threadInfo;
+
+}  // namespace detail
+}  // namespace mw

@@ -1,0 +1,60 @@
+#include "concurrent/TlsPtrBase.h"
+
+#include <new>
+#include <stdexcept>
+
+#include "ThreadInfoSlot.h"
+#include "platform.h"
+
+namespace mw {
+namespace detail {
+namespace {
+
+void* readSlot(std::uint32_t slot) {
+    std::uint32_t lastError = platform::getLastError();
+    void* value = platform::tlsGetValue(slot);
+    platform::setLastError(lastError);
+    return value;
+}
+
+void writeSlot(std::uint32_t slot, void* value) {
+    if (!platform::tlsSetValue(slot, value)) {
+        throw std::runtime_error("could not set thread specific data");
+    }
+}
+
+}  // namespace
+
+TlsPtrBase::TlsPtrBase(Cleaner cleaner) : m_tlsIndex(0), m_cleaner(cleaner) {
+    m_tlsIndex = platform::tlsAlloc();
+    if (m_tlsIndex == platform::TLS_OUT_OF_SLOTS) throw std::bad_alloc();
+}
+
+TlsPtrBase::~TlsPtrBase() noexcept(false) {
+    void* value = readSlot(m_tlsIndex);
+    if (value != nullptr) m_cleaner(value);
+    writeSlot(m_tlsIndex, nullptr);
+    platform::tlsFree(m_tlsIndex);
+}
+
+void* TlsPtrBase::get() const { return readSlot(m_tlsIndex); }
+
+// A non-null value is entered in the calling thread's record, so that the thread's end cleans it.
+// s_threadInfo never enters itself: when it is set to a new record, that record is the value.
+void* TlsPtrBase::set(void* value) {
+    void* old = readSlot(m_tlsIndex);
+    writeSlot(m_tlsIndex, value);
+    if (value == nullptr) return old;
+    ThreadInfo* record = readThreadInfoSlot();
+    if (record != nullptr && record != value) record->addSlot(this);
+    return old;
+}
+
+void TlsPtrBase::destroy(void* value) {
+    if (value != nullptr) m_cleaner(value);
+}
+
+unsigned long TlsPtrBase::getId() const { return m_tlsIndex; }
+
+}  // namespace detail
+}  // namespace mw
