@@ -1,6 +1,9 @@
-// Thread::currentThread on a thread that has its record, beside a plain thread_local read in this
-// executable. currentThread is the first step of every lock and unlock.
+// Thread::currentThread on a thread that has its record, beside the peers it must match: a plain
+// thread_local read in this executable and a pthread_getspecific call. currentThread is the first
+// step of every lock and unlock.
 #include <benchmark/benchmark.h>
+
+#include <pthread.h>
 
 #include "concurrent/Thread.h"
 
@@ -17,6 +20,18 @@ void BM_ThreadLocalRead(benchmark::State& state) {
 }
 BENCHMARK(BM_ThreadLocalRead);
 
+void BM_PthreadGetSpecific(benchmark::State& state) {
+    static pthread_key_t key;
+    static int created = pthread_key_create(&key, nullptr);
+    benchmark::DoNotOptimize(created);
+    pthread_setspecific(key, &t_plainValue);
+    for (auto _ : state) {
+        void* value = pthread_getspecific(key);
+        benchmark::DoNotOptimize(value);
+    }
+}
+BENCHMARK(BM_PthreadGetSpecific);
+
 void BM_CurrentThread(benchmark::State& state) {
     mw::Thread::currentThread();  // adopt before measuring
     for (auto _ : state) {
@@ -27,5 +42,3 @@ void BM_CurrentThread(benchmark::State& state) {
 BENCHMARK(BM_CurrentThread);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -10,6 +10,12 @@ namespace mw {
 namespace detail {
 namespace {
 
+// The OS has no thread-local slot left: reported as an allocation failure with a fixed text.
+class SlotsExhausted : public std::bad_alloc {
+public:
+    virtual const char* what() const noexcept { return "bad allocation"; }
+};
+
 void* readSlot(std::uint32_t slot) {
     std::uint32_t lastError = platform::getLastError();
     void* value = platform::tlsGetValue(slot);
@@ -27,7 +33,7 @@ void writeSlot(std::uint32_t slot, void* value) {
 
 TlsPtrBase::TlsPtrBase(Cleaner cleaner) : m_tlsIndex(0), m_cleaner(cleaner) {
     m_tlsIndex = platform::tlsAlloc();
-    if (m_tlsIndex == platform::TLS_OUT_OF_SLOTS) throw std::bad_alloc();
+    if (m_tlsIndex == platform::TLS_OUT_OF_SLOTS) throw SlotsExhausted();
 }
 
 TlsPtrBase::~TlsPtrBase() noexcept(false) {
@@ -40,13 +46,20 @@ TlsPtrBase::~TlsPtrBase() noexcept(false) {
 void* TlsPtrBase::get() const { return readSlot(m_tlsIndex); }
 
 // A non-null value is entered in the calling thread's record, so that the thread's end cleans it.
+// A thread that has no record yet (one the OS did not announce: any thread on Linux, a thread
+// older than the load on Windows) is adopted here, so its values are cleaned all the same.
 // s_threadInfo never enters itself: when it is set to a new record, that record is the value.
 void* TlsPtrBase::set(void* value) {
     void* old = readSlot(m_tlsIndex);
     writeSlot(m_tlsIndex, value);
     if (value == nullptr) return old;
     ThreadInfo* record = readThreadInfoSlot();
-    if (record != nullptr && record != value) record->addSlot(this);
+    if (record == value) return old;
+    if (record == nullptr) {
+        Thread::currentThread();
+        record = readThreadInfoSlot();
+    }
+    if (record != nullptr) record->addSlot(this);
     return old;
 }
 

@@ -31,6 +31,25 @@ bool tryConsume(FutexEvent* event) {
     return event->m_word.compare_exchange_strong(set, 0);
 }
 
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+// A permit often follows within a few microseconds (a lock handed over to the first waiter), so a
+// waiter watches the word for a short while before it sleeps: a hand-over then costs neither the
+// waker's futex wake nor the sleeper's wake-up latency. About 1-2 microseconds on current x86.
+const int SPIN_ROUNDS = 100;
+
+bool spinForPermit(FutexEvent* event) {
+    for (int round = 0; round < SPIN_ROUNDS; ++round) {
+        if (event->m_word.load(std::memory_order_relaxed) == 1 && tryConsume(event)) return true;
+        cpuRelax();
+    }
+    return false;
+}
+
 timespec monotonicDeadline(std::uint32_t milliseconds) {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -78,6 +97,7 @@ std::uint32_t waitEvent(Handle handle, std::uint32_t milliseconds) {
     if (event == nullptr) return 0xFFFFFFFFu;
     if (tryConsume(event)) return WAIT_SIGNALED;
     if (milliseconds == 0) return WAIT_TIMEOUT_EXPIRED;
+    if (spinForPermit(event)) return WAIT_SIGNALED;
     timespec deadline = monotonicDeadline(milliseconds);
     const timespec* limit = milliseconds == INFINITE_WAIT ? nullptr : &deadline;
     event->m_waiters.fetch_add(1);  // [E2] pairs with [E1]
