@@ -1,7 +1,6 @@
-#include "concurrent/AbstractQueuedSynchronizer.h"
-
 #include "Park.h"
 #include "ThreadInfoSlot.h"
+#include "concurrent/AbstractQueuedSynchronizer.h"
 #include "concurrent/IllegalMonitorStateException.h"
 #include "concurrent/InterruptedException.h"
 #include "concurrent/Thread.h"
@@ -57,7 +56,12 @@ void ConditionObject::checkHeld() const {
 
 // ---- the list -----------------------------------------------------------------------------------
 
+// Everything that could fail for lack of memory later in the wait (the sentinel of the sync queue,
+// the thread's ParkEvent) is made here, while the caller still holds the synchronizer: a failure
+// then leaves the hold and the list as they were.
 Node* ConditionObject::addConditionWaiter() const {
+    m_synchronizer->ensureQueue();
+    detail::prepareCurrentPark();
     Node* t = m_waiterTail;
     if (t != nullptr && t->status.get() != Node::CONDITION) {
         unlinkCancelledWaiters();
@@ -230,7 +234,7 @@ long long ConditionObject::awaitNanos(long long nanosTimeout) const {
         lastTime = now;
     }
     finishWait(node, savedState, interruptMode);
-    return lastTime + nanosTimeout - TimeUtil::nanoTime();
+    return nanosTimeout - (TimeUtil::nanoTime() - lastTime);
 }
 
 // Only a clock strictly later than the deadline times out.

@@ -18,9 +18,12 @@ NonFairLockPolicy::~NonFairLockPolicy() {}
 bool NonFairLockPolicy::tryAcquire(int acquires) { return nonfairTryAcquire(acquires); }
 
 // A reentrant lock by the owner fails the fast attempt and succeeds in acquire's first tryAcquire.
+// The calling thread is looked up before the compareAndSet: its adoption may fail, and it must
+// not fail with the lock taken and no owner recorded.
 void NonFairLockPolicy::lock() {
+    const Thread* current = detail::currentThreadFast();
     if (compareAndSetState(0, 1)) {
-        setOwner(detail::currentThreadFast());
+        setOwner(current);
         return;
     }
     acquire(1);

@@ -27,7 +27,8 @@ Object::~Object() {
 
 // ns only selects the form of the wait; it is neither added to the time nor rounds it up.
 void Object::wait(long long ms, long long ns) const {
-    if (ns < 0 || ns > 999999) MW_THROW(IllegalArgumentException, "Parameter ns out of range > 999999");
+    if (ns < 0 || ns > 999999)
+        MW_THROW(IllegalArgumentException, "Parameter ns out of range > 999999");
     if (ms == 0 && ns == 0) {
         m_condition->await();
         return;

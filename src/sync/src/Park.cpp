@@ -7,7 +7,12 @@
 namespace mw {
 namespace {
 
-std::atomic<int> s_wakers(0);
+// Wakers in flight, in two counters. A new waker counts itself in the one that s_wakerSide names;
+// a thread that waits for the wakers points s_wakerSide away from the counter it drains, so a
+// steady stream of new wakers cannot keep that counter above zero.
+std::atomic<int> s_wakers[2];
+std::atomic<int> s_wakerSide(0);
+std::atomic<bool> s_processEnding(false);
 
 detail::Parker* currentParker() { return detail::Parker::of(detail::currentThreadFast()); }
 
@@ -27,17 +32,32 @@ void unparkThread(const Thread* thread) {
 
 namespace detail {
 
-// [W1] The increment precedes the sequentially consistent read of a node's thread field; the
-// ending thread has cleared its fields, fences, and then reads the count ([W2]). If it reads 0,
-// every later waker reads the cleared field.
-WakerScope::WakerScope() { s_wakers.fetch_add(1); }
+void prepareCurrentPark() { currentParker()->prepare(); }
 
-WakerScope::~WakerScope() { s_wakers.fetch_sub(1, std::memory_order_release); }
+// [W1] The increment precedes the sequentially consistent read of a node's thread field. A thread
+// that frees a Thread has had its fields cleared before; it fences, then sees each counter at 0
+// at least once ([W2]). A waker whose increment comes after that reading reads a cleared field; a
+// waker whose increment came before is waited for.
+WakerScope::WakerScope() : m_side(s_wakerSide.load(std::memory_order_relaxed)) {
+    s_wakers[m_side].fetch_add(1);
+}
+
+WakerScope::~WakerScope() { s_wakers[m_side].fetch_sub(1, std::memory_order_release); }
 
 void awaitWakersQuiescent() {
     std::atomic_thread_fence(std::memory_order_seq_cst);  // [W2] pairs with [W1]
-    while (s_wakers.load() != 0) platform::yieldThread();
+    for (int side = 0; side < 2; ++side) {
+        while (s_wakers[side].load() != 0) {
+            if (s_processEnding.load(std::memory_order_relaxed)) return;
+            s_wakerSide.store(1 - side, std::memory_order_relaxed);
+            platform::yieldThread();
+        }
+    }
 }
+
+// Once the library's statics are being destroyed the process is ending: threads may have been
+// killed inside a waker scope (Windows kills them before process detach), so nobody waits.
+void markProcessEnding() { s_processEnding.store(true); }
 
 }  // namespace detail
 }  // namespace mw

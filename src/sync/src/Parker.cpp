@@ -31,9 +31,11 @@ void Parker::park(bool absolute, long long time) {
         ms = time / 1000000;
         if (ms == 0) ms = 1;
     }
-    if (m_parkEvent == nullptr) m_parkEvent = new ParkEvent(this);
-    if (!m_thread->isInterrupted(false) && platform::waitEvent(m_event, 0) != platform::WAIT_SIGNALED) {
-        m_parkEvent->setState(ms == platform::INFINITE_WAIT ? Thread::PARKED : Thread::TIMED_PARKED);
+    prepare();
+    if (!m_thread->isInterrupted(false) &&
+        platform::waitEvent(m_event, 0) != platform::WAIT_SIGNALED) {
+        m_parkEvent->setState(ms == platform::INFINITE_WAIT ? Thread::PARKED
+                                                            : Thread::TIMED_PARKED);
         m_thread->setEvent(m_parkEvent);
         std::atomic_thread_fence(std::memory_order_seq_cst);  // [P1] pairs with [P2]
         if (!m_thread->isInterrupted(false)) {

@@ -33,6 +33,10 @@ public:
     // now, returns at once and touches nothing. Every other path ends with the permit dropped.
     void park(bool absolute, long long time);
     void unpark() { platform::setEvent(m_event); }
+    // Allocates the ParkEvent now if no park has yet.
+    void prepare() {
+        if (m_parkEvent == nullptr) m_parkEvent = new ParkEvent(this);
+    }
 
     static Parker* of(const Thread* thread) { return thread->m_parker; }
 

@@ -53,8 +53,10 @@ void Thread::initialise() {
     m_parker->m_thread = this;
 }
 
-// Neither stops, joins nor inspects the OS thread.
+// Neither stops, joins nor inspects the OS thread. A waker may still hold this object's address,
+// read from a queue node before the thread cleared it, so wakers in flight are waited for first.
 Thread::~Thread() {
+    detail::awaitWakersQuiescent();
     platform::closeThreadHandle(m_handle);
     delete m_parker;
     m_parker = nullptr;

@@ -1,7 +1,5 @@
 #include "ThreadInfo.h"
 
-#include "Park.h"
-
 namespace mw {
 namespace detail {
 
@@ -19,8 +17,6 @@ ThreadInfo::~ThreadInfo() {
             // A failing cleaner must not stop the cleaning of the pointers after it.
         }
     }
-    // A waker may still hold this thread's address, read from a node before it was cleared.
-    if (m_ownedThread.get() != nullptr) awaitWakersQuiescent();
 }
 
 void ThreadInfo::addSlot(TlsPtrBase* pointer) {

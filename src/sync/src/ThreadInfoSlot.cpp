@@ -1,5 +1,7 @@
 #include "ThreadInfoSlot.h"
 
+#include "Park.h"
+
 namespace mw {
 namespace detail {
 namespace {
@@ -18,6 +20,7 @@ ThreadInfoSlot::ThreadInfoSlot(Cleaner cleaner) : TlsPtrBase(cleaner) {
 }
 
 ThreadInfoSlot::~ThreadInfoSlot() noexcept(false) {
+    markProcessEnding();
     platform::removeThreadHooks();
     platform::cacheThreadRecord(nullptr);
 }

@@ -1,11 +1,10 @@
 #include "concurrent/TimeUnit.h"
 
 #include <atomic>
+#include <boost/thread/mutex.hpp>
 #include <climits>
 #include <cstdlib>
 #include <stdexcept>
-
-#include <boost/thread/mutex.hpp>
 
 namespace mw {
 
@@ -27,7 +26,10 @@ public:
     typedef void (*Teardown)();
 
     TimeUnitConstant(int index, Teardown teardown)
-        : m_index(index), m_teardown(teardown), m_instance(nullptr), m_registered(false),
+        : m_index(index),
+          m_teardown(teardown),
+          m_instance(nullptr),
+          m_registered(false),
           m_armed(false) {}
 
     const TimeUnit& get() {
@@ -89,7 +91,7 @@ detail::TimeUnitConstant s_milliseconds(2, &teardownConstant<2>);
 detail::TimeUnitConstant s_seconds(3, &teardownConstant<3>);
 
 detail::TimeUnitConstant* const s_constants[4] = {&s_nanoseconds, &s_microseconds, &s_milliseconds,
-                                                   &s_seconds};
+                                                  &s_seconds};
 
 template <int Index>
 void teardownConstant() {

@@ -47,7 +47,11 @@ public:
         Node(const Thread* waiter, Node* mode)
             : status(0), prev(nullptr), next(nullptr), thread(waiter), waiterLink(mode) {}
         Node(const Thread* waiter, int waitStatus)
-            : status(waitStatus), prev(nullptr), next(nullptr), thread(waiter), waiterLink(nullptr) {}
+            : status(waitStatus),
+              prev(nullptr),
+              next(nullptr),
+              thread(waiter),
+              waiterLink(nullptr) {}
 
         // The node before this one; a node inside an acquire loop always has one.
         Node* predecessor() const {
@@ -96,7 +100,9 @@ protected:
 
     int getState() const { return m_state.get(); }
     void setState(int newState) { m_state.set(newState); }
-    bool compareAndSetState(int expect, int update) { return m_state.compareAndSet(expect, update); }
+    bool compareAndSetState(int expect, int update) {
+        return m_state.compareAndSet(expect, update);
+    }
 
     // The base bodies throw UnsupportedOperationException.
     virtual bool tryAcquire(int arg);
@@ -118,6 +124,7 @@ private:
     static void retireOldHead(Node* oldHead);
     static void retireCancelled(Node* cancelled);
 
+    void ensureQueue();
     Node* enq(Node* node);
     Node* addWaiter(Node* mode);
     void setHead(Node* node);

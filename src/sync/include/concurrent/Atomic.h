@@ -29,7 +29,9 @@ public:
 
     void set(T value) { m_value.exchange(value); }
 
-    bool compareAndSet(T expect, T update) { return m_value.compare_exchange_strong(expect, update); }
+    bool compareAndSet(T expect, T update) {
+        return m_value.compare_exchange_strong(expect, update);
+    }
 
     T getAndIncrement() { return m_value.fetch_add(1); }
 

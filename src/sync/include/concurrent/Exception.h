@@ -48,23 +48,37 @@ private:
 }  // namespace mw
 
 // Declares an exception type that differs from its base in type alone.
-#define MW_DECLARE_EXCEPTION(Name, Base)                                                    \
-    class Name : public Base {                                                              \
-    public:                                                                                 \
-        Name(const std::string& file, const std::string& function, int line,               \
-             const std::string& description)                                                \
-            : Base(file, function, line, description) {}                                   \
-        Name(const Name& other) : Base(other) {}                                            \
+#define MW_DECLARE_EXCEPTION(Name, Base)                                     \
+    class Name : public Base {                                               \
+    public:                                                                  \
+        Name(const std::string& file, const std::string& function, int line, \
+             const std::string& description)                                 \
+            : Base(file, function, line, description) {}                     \
+        Name(const Name& other) : Base(other) {}                             \
     }
 
-// The one throw site form: builds the description, the enclosing function's signature and the
-// file name, in this order, then throws the exception by value.
-#define MW_THROW(Type, description)                                   \
-    do {                                                              \
-        const std::string mwDescription_(description);                \
-        const std::string mwFunction_(__PRETTY_FUNCTION__);           \
-        const std::string mwFile_(__FILE__);                          \
-        throw Type(mwFile_, mwFunction_, __LINE__, mwDescription_);   \
-    } while (false)
+namespace mw {
+namespace detail {
+
+// Builds the description, the function's signature and the file name, in this order, and throws
+// the exception by value. Kept out of line and cold, so that a throw site costs the fast path of
+// its function only a call.
+template <typename E>
+[[noreturn]] __attribute__((noinline, cold)) void throwException(const char* description,
+                                                                 const char* function,
+                                                                 const char* file, int line) {
+    const std::string descriptionText(description);
+    const std::string functionText(function);
+    const std::string fileText(file);
+    throw E(fileText, functionText, line, descriptionText);
+}
+
+}  // namespace detail
+}  // namespace mw
+
+// The one throw site form: the exception type and its description; the enclosing function's
+// signature, the file and the line come from the site.
+#define MW_THROW(Type, description) \
+    ::mw::detail::throwException<Type>(description, __PRETTY_FUNCTION__, __FILE__, __LINE__)
 
 #endif

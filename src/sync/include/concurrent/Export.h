@@ -4,6 +4,10 @@
 #define MW_CONCURRENT_EXPORT_H
 
 #if defined(_WIN32)
+// GCC for Windows marks as exported every typeinfo object that a translation unit makes after its
+// first exported polymorphic class, unless std::type_info was defined before that class; the
+// export table would then carry the typeinfo of internal classes, of boost and of std.
+#include <typeinfo>
 #if defined(MW_SYNC_BUILDING)
 #define MW_API __declspec(dllexport)
 #elif defined(MW_SYNC_STATIC)

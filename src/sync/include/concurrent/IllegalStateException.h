@@ -1,4 +1,5 @@
-// IllegalStateException: The object is not in a state that allows the operation. Thrown only through its subclass.
+// IllegalStateException: The object is not in a state that allows the operation. Thrown only
+// through its subclass.
 #ifndef MW_CONCURRENT_ILLEGAL_STATE_EXCEPTION_H
 #define MW_CONCURRENT_ILLEGAL_STATE_EXCEPTION_H
 

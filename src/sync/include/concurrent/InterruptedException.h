@@ -1,4 +1,5 @@
-// InterruptedException: The calling thread was interrupted while it waited, or on entry to an interruptible wait.
+// InterruptedException: The calling thread was interrupted while it waited, or on entry to an
+// interruptible wait.
 #ifndef MW_CONCURRENT_INTERRUPTED_EXCEPTION_H
 #define MW_CONCURRENT_INTERRUPTED_EXCEPTION_H
 

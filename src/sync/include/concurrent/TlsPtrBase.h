@@ -8,9 +8,8 @@
 #ifndef MW_CONCURRENT_TLS_PTR_BASE_H
 #define MW_CONCURRENT_TLS_PTR_BASE_H
 
-#include <cstdint>
-
 #include <boost/noncopyable.hpp>
+#include <cstdint>
 
 #include "Export.h"
 

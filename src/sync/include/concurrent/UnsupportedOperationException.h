@@ -1,4 +1,5 @@
-// UnsupportedOperationException: An operation that a subclass must provide was called on the base class.
+// UnsupportedOperationException: An operation that a subclass must provide was called on the base
+// class.
 #ifndef MW_CONCURRENT_UNSUPPORTED_OPERATION_EXCEPTION_H
 #define MW_CONCURRENT_UNSUPPORTED_OPERATION_EXCEPTION_H
 
