@@ -13,5 +13,6 @@ ctest --preset debug -j "$jobs"
 if [[ -f cmake/mingw-w64-x86_64.cmake ]] && grep -q '"mingw"' CMakePresets.json; then
   cmake --preset mingw
   cmake --build --preset mingw -j "$jobs"
+  scripts/check-dll.sh
   ctest --preset mingw -j "$jobs"
 fi

@@ -34,9 +34,10 @@ namespace detail {
 
 void prepareCurrentPark() { currentParker()->prepare(); }
 
-// [W1] The increment precedes the sequentially consistent read of a node's thread field. A thread
-// that frees a Thread has had its fields cleared before; it fences, then sees each counter at 0
-// at least once ([W2]). A waker whose increment comes after that reading reads a cleared field; a
+// [W1] The increment precedes the sequentially consistent read of a node's thread field. The
+// fields of a Thread about to be freed were cleared by sequentially consistent stores that happen
+// before ~Thread, which then sees each counter at 0 at least once ([W2]). In the single order of
+// those operations a waker whose increment comes after that reading reads a cleared field; a
 // waker whose increment came before is waited for.
 WakerScope::WakerScope() : m_side(s_wakerSide.load(std::memory_order_relaxed)) {
     s_wakers[m_side].fetch_add(1);
@@ -45,9 +46,8 @@ WakerScope::WakerScope() : m_side(s_wakerSide.load(std::memory_order_relaxed)) {
 WakerScope::~WakerScope() { s_wakers[m_side].fetch_sub(1, std::memory_order_release); }
 
 void awaitWakersQuiescent() {
-    std::atomic_thread_fence(std::memory_order_seq_cst);  // [W2] pairs with [W1]
     for (int side = 0; side < 2; ++side) {
-        while (s_wakers[side].load() != 0) {
+        while (s_wakers[side].load() != 0) {  // [W2] pairs with [W1]
             if (s_processEnding.load(std::memory_order_relaxed)) return;
             s_wakerSide.store(1 - side, std::memory_order_relaxed);
             platform::yieldThread();

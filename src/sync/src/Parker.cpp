@@ -15,9 +15,10 @@ Parker::~Parker() {
 
 // Between the first test of the interrupt flag and the publication of the ParkEvent an interrupt
 // would find nothing to wake. So the flag is tested again after publication: [P1] the ParkEvent
-// is exchanged in, a full fence follows, then the flag is read; Thread::interrupt sets the flag,
-// fences and reads the ParkEvent ([P2]). One of the two sees the other: either this thread skips
-// the wait, or the interrupter sets the event and the wait returns at once. The early tests stay
+// is exchanged in, then the flag is read with a sequentially consistent load; Thread::interrupt
+// exchanges the flag in and reads the ParkEvent the same way ([P2]). In the single order of those
+// four operations one of the two reads comes last and sees the other's write: either this thread
+// skips the wait, or the interrupter sets the event and the wait returns at once. The early tests stay
 // ahead of the publication, so a park that a pending permit ends never shows a parked state.
 void Parker::park(bool absolute, long long time) {
     if (time < 0) return;
@@ -36,9 +37,8 @@ void Parker::park(bool absolute, long long time) {
         platform::waitEvent(m_event, 0) != platform::WAIT_SIGNALED) {
         m_parkEvent->setState(ms == platform::INFINITE_WAIT ? Thread::PARKED
                                                             : Thread::TIMED_PARKED);
-        m_thread->setEvent(m_parkEvent);
-        std::atomic_thread_fence(std::memory_order_seq_cst);  // [P1] pairs with [P2]
-        if (!m_thread->isInterrupted(false)) {
+        m_thread->setEvent(m_parkEvent);  // [P1] pairs with [P2]
+        if (m_thread->m_interrupted.getOrdered() == 0) {
             platform::waitEvent(m_event, static_cast<std::uint32_t>(ms));
         }
     }

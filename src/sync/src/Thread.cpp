@@ -129,9 +129,8 @@ void Thread::setEvent(detail::ParkEvent* event) const {
 // wake-up does no harm either way.
 void Thread::interrupt() const {
     if (m_threadState.get() == NEW) return;
-    m_interrupted.set(1);
-    std::atomic_thread_fence(std::memory_order_seq_cst);  // [P2] pairs with [P1] in Parker::park
-    detail::ParkEvent* event = m_parkEvent.get();
+    m_interrupted.set(1);  // [P2] pairs with [P1] in Parker::park
+    detail::ParkEvent* event = m_parkEvent.getOrdered();
     if (event == nullptr) return;
     if (m_parkEvent.get() != event) return;
     event->unpark();

@@ -10,8 +10,12 @@ namespace {
 void onThreadAttach() { Thread::currentThread(); }
 
 // A thread on its way out loses its record, and with it its thread-local values and, when the
-// record owns it, its Thread. A thread without a record (one older than the load) is fine.
-void onThreadDetach() { s_threadInfo.reset(nullptr); }
+// record owns it, its Thread. A thread without a record (one older than the load) is fine. A
+// cleaner may adopt the thread again (Thread::currentThread, or a set of a thread-local pointer);
+// where the OS delivers a single detach notification, that record is freed here too.
+void onThreadDetach() {
+    while (readThreadInfoSlot() != nullptr) s_threadInfo.reset(nullptr);
+}
 
 }  // namespace
 

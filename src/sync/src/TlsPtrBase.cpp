@@ -56,7 +56,9 @@ void* TlsPtrBase::set(void* value) {
     ThreadInfo* record = readThreadInfoSlot();
     if (record == value) return old;
     if (record == nullptr) {
+        std::uint32_t lastError = platform::getLastError();
         Thread::currentThread();
+        platform::setLastError(lastError);
         record = readThreadInfoSlot();
     }
     if (record != nullptr) record->addSlot(this);

@@ -27,6 +27,10 @@ public:
 
     T get() const { return m_value.load(std::memory_order_acquire); }
 
+    // A load that takes part in the single total order of sequentially consistent operations, for
+    // the handshakes in which each of two threads writes one cell and then reads the other's.
+    T getOrdered() const { return m_value.load(std::memory_order_seq_cst); }
+
     void set(T value) { m_value.exchange(value); }
 
     bool compareAndSet(T expect, T update) {

@@ -4,8 +4,8 @@
 // thread, so that either may go first. The record keeps the exit code (STILL_ACTIVE_CODE until the
 // entry function has returned) and a futex-free completion flag that waitThread polls through a
 // condition variable. Linux has no attach notification: threads are adopted at their first
-// Thread::currentThread, and armThreadDetach sets a pthread key whose destructor runs the portable
-// detach routine on the thread's way out.
+// Thread::currentThread, and armThreadDetach registers the portable detach routine as a C++
+// thread-exit callback of the calling thread.
 #include "../platform.h"
 
 #include <atomic>
@@ -13,9 +13,13 @@
 #include <ctime>
 #include <new>
 
+#include <cxxabi.h>
+
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+extern "C" void* __dso_handle;
 
 namespace mw {
 namespace platform {
@@ -61,10 +65,17 @@ void* trampoline(void* argument) {
 }
 
 std::atomic<ThreadHook> s_detachHook{nullptr};
-pthread_key_t s_detachKey;
-std::atomic<bool> s_detachKeyLive{false};
 
+// Whether the calling thread has the detach routine pending. Trivially destructible, so it stays
+// usable while the thread's exit callbacks run.
+thread_local bool t_detachArmed = false;
+
+// Runs from the C++ thread-exit list, the one that thread_local destructors use. glibc runs that
+// list before any pthread key destructor, while every slot still holds its value. A key destructor
+// would be too late: glibc walks the keys in index order and clears each value before it calls
+// that key's destructor, so the record's slot and lower-numbered slots would already read null.
 void runDetachHook(void*) {
+    t_detachArmed = false;
     ThreadHook hook = s_detachHook.load();
     if (hook != nullptr) hook();
 }
@@ -158,20 +169,17 @@ std::uint32_t currentThreadId() { return static_cast<std::uint32_t>(syscall(SYS_
 
 Handle currentThreadHandle() { return CURRENT_THREAD; }
 
-void installThreadHooks(ThreadHook, ThreadHook detach) {
-    s_detachHook.store(detach);
-    if (!s_detachKeyLive.load() && pthread_key_create(&s_detachKey, runDetachHook) == 0) {
-        s_detachKeyLive.store(true);
-    }
-}
+void installThreadHooks(ThreadHook, ThreadHook detach) { s_detachHook.store(detach); }
 
-void removeThreadHooks() {
-    s_detachHook.store(nullptr);
-    if (s_detachKeyLive.exchange(false)) pthread_key_delete(s_detachKey);
-}
+void removeThreadHooks() { s_detachHook.store(nullptr); }
 
+// A thread adopted again on its way out (by a cleaner or a thread_local destructor) is armed once
+// more; glibc also runs the entries added while it works through the list, so that record is freed
+// too.
 void armThreadDetach() {
-    if (s_detachKeyLive.load()) pthread_setspecific(s_detachKey, reinterpret_cast<void*>(1));
+    if (t_detachArmed) return;
+    t_detachArmed = true;
+    abi::__cxa_thread_atexit(runDetachHook, nullptr, &__dso_handle);
 }
 
 }  // namespace platform
