@@ -190,15 +190,16 @@ void runBoundedBuffer(int producers, int consumers, int itemsPerProducer) {
     channel.expectQuiet(deadline);
 }
 
-const int ITEMS_PER_PRODUCER = 20000;
+const int ITEMS_PER_PRODUCER = 10000;
 
 TEST(LockStress, BoundedBufferOnNonFairLockWithInterrupts) {
-    runBoundedBuffer<LockChannel<mw::NonFairLockPolicy>>(2, 2,
-                                                         ITEMS_PER_PRODUCER * mwtest::stressScale());
+    runBoundedBuffer<LockChannel<mw::NonFairLockPolicy>>(
+        2, 2, ITEMS_PER_PRODUCER * mwtest::stressScale());
 }
 
 TEST(LockStress, BoundedBufferOnFairLockWithInterrupts) {
-    runBoundedBuffer<LockChannel<mw::FairLockPolicy>>(2, 2, ITEMS_PER_PRODUCER * mwtest::stressScale());
+    runBoundedBuffer<LockChannel<mw::FairLockPolicy>>(2, 2,
+                                                      ITEMS_PER_PRODUCER * mwtest::stressScale());
 }
 
 TEST(LockStress, BoundedBufferOnObjectMonitorWithInterrupts) {
@@ -210,7 +211,7 @@ TEST(LockStress, BoundedBufferOnObjectMonitorWithInterrupts) {
 template <typename Policy>
 void runMutualExclusion() {
     const int threads = 4;
-    const int rounds = 100000 * mwtest::stressScale();
+    const int rounds = 30000 * mwtest::stressScale();
     mw::ReentrantLock<Policy> lock;
     long long counter = 0;  // plain: only the lock protects it
     std::atomic<int> inside(0);
@@ -221,10 +222,11 @@ void runMutualExclusion() {
         workers.emplace_back(new WorkerThread([&] {
             start.arriveAndWait();
             for (int r = 0; r < rounds; ++r) {
-                switch (r % 3) {
-                case 0: lock.lock(); break;
-                case 1: lock.lockInterruptibly(); break;
-                default:
+                if (r % 3 == 0) {
+                    lock.lock();
+                } else if (r % 3 == 1) {
+                    lock.lockInterruptibly();
+                } else {
                     while (!lock.tryLock(10, mw::TimeUnit::SECONDS())) {
                     }
                 }

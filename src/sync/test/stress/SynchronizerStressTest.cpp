@@ -99,22 +99,23 @@ void stressExclusiveAcquisition(int threads, int iterations) {
     std::atomic<int> overlaps(0);
     std::atomic<int> wrongState(0);
     const char* what = "exclusive acquisition";
-    runWithInterrupts(threads, freshSeed(what), [&](int, std::mt19937& rng, bool) {
+    auto body = [&](int, std::mt19937& rng, bool) {
         for (int i = 0; i < iterations / 2; ++i) {
             bool got = false;
             try {
                 switch (rng() % 3) {
-                case 0:
-                    m.acquire(1);
-                    got = true;
-                    break;
-                case 1:
-                    m.acquireInterruptibly(1);
-                    got = true;
-                    break;
-                default:
-                    got = m.tryAcquireNanos(1, static_cast<long long>(rng() % 2000) * 1000);
-                    if (!got) timedOut.fetch_add(1);
+                    case 0:
+                        m.acquire(1);
+                        got = true;
+                        break;
+                    case 1:
+                        m.acquireInterruptibly(1);
+                        got = true;
+                        break;
+                    default:
+                        got = m.tryAcquireNanos(
+                            1, rng() % 4 == 0 ? 0 : static_cast<long long>(rng() % 200000));
+                        if (!got) timedOut.fetch_add(1);
                 }
             } catch (const mw::InterruptedException&) {
                 interrupted.fetch_add(1);
@@ -133,7 +134,8 @@ void stressExclusiveAcquisition(int threads, int iterations) {
             acquired.fetch_add(1);
             m.release(1);
         }
-    }, what);
+    };
+    runWithInterrupts(threads, freshSeed(what), body, what);
     std::printf("%s: %ld acquired, %ld interrupted, %ld timed out\n", what, acquired.load(),
                 interrupted.load(), timedOut.load());
     EXPECT_EQ(acquired.load(), counter);
@@ -184,20 +186,20 @@ TEST(ConditionStress, SignalRacesTimeoutsAndInterrupts) {
             if (rng() % 4 == 0) std::this_thread::yield();
         }
     });
-    runWithInterrupts(WAITERS, seed, [&](int, std::mt19937& rng, bool loud) {
+    auto body = [&](int, std::mt19937& rng, bool loud) {
         for (int i = 0; i < ROUNDS / 2; ++i) {
             m.lock();
             try {
                 bool signalled;
                 switch (rng() % 3) {
-                case 0:
-                    signalled = c.await(rng() % 200000, mw::TimeUnit::NANOSECONDS());
-                    break;
-                case 1:
-                    signalled = c.await(rng() % 200, mw::TimeUnit::MICROSECONDS());
-                    break;
-                default:
-                    signalled = c.awaitUntil(mw::TimeUtil::milliTime() + rng() % 2);
+                    case 0:
+                        signalled = c.await(rng() % 200000, mw::TimeUnit::NANOSECONDS());
+                        break;
+                    case 1:
+                        signalled = c.await(rng() % 200, mw::TimeUnit::MICROSECONDS());
+                        break;
+                    default:
+                        signalled = c.awaitUntil(mw::TimeUtil::milliTime() + rng() % 2);
                 }
                 if (signalled) {
                     if (++reported > signals) ++excess;
@@ -211,7 +213,8 @@ TEST(ConditionStress, SignalRacesTimeoutsAndInterrupts) {
             m.unlock();
         }
         if (!loud) waitersDone.fetch_add(1);
-    }, what);
+    };
+    runWithInterrupts(WAITERS, seed, body, what);
     signaller.join();
     std::printf("%s: %ld signals, %ld reported, %ld timed out, %ld interrupted\n", what, signals,
                 reported, timedOut.load(), interrupted.load());
@@ -283,8 +286,7 @@ TEST(ConditionStress, BoundedBufferUnderTimeoutsAndInterrupts) {
         waitsEnded.fetch_add(1);
     };
     const char* what = "bounded buffer";
-    runWithInterrupts(PRODUCERS + CONSUMERS, freshSeed(what), [&](int id, std::mt19937& rng,
-                                                                  bool loud) {
+    auto body = [&](int id, std::mt19937& rng, bool loud) {
         if (!loud) return;
         if (id < PRODUCERS) {
             for (int i = 0; i < ITEMS; ++i) {
@@ -313,7 +315,8 @@ TEST(ConditionStress, BoundedBufferUnderTimeoutsAndInterrupts) {
             notFull.signal();
             m.unlock();
         }
-    }, what);
+    };
+    runWithInterrupts(PRODUCERS + CONSUMERS, freshSeed(what), body, what);
     std::printf("%s: %ld items, %ld waits\n", what, taken, waitsEnded.load());
     EXPECT_EQ(total, taken);
     EXPECT_EQ(0, duplicates);

@@ -19,10 +19,7 @@ class WorkerThread {
 public:
     template <typename Body>
     explicit WorkerThread(Body body)
-        : m_self(nullptr),
-          m_finished(false),
-          m_exit(1),
-          m_thread([this, body]() mutable {
+        : m_self(nullptr), m_finished(false), m_exit(1), m_thread([this, body]() mutable {
               m_self.store(mw::Thread::currentThread());
               body();
               m_finished.store(true);

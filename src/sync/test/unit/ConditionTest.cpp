@@ -70,7 +70,11 @@ struct WaitForm {
 
 const std::vector<WaitForm>& interruptibleForms() {
     static const std::vector<WaitForm> forms = {
-        {"await()", [](const ConditionObject& c) { c.await(); return true; }},
+        {"await()",
+         [](const ConditionObject& c) {
+             c.await();
+             return true;
+         }},
         {"await(time, unit)",
          [](const ConditionObject& c) { return c.await(30, mw::TimeUnit::SECONDS()); }},
         {"awaitNanos", [](const ConditionObject& c) { return c.awaitNanos(LONG_WAIT) > 0; }},
@@ -83,8 +87,8 @@ const std::vector<WaitForm>& interruptibleForms() {
 TEST(Condition, SignallingNeedsTheHoldEvenOnAnEmptyList) {
     TestMutex m;
     ConditionObject c = m.newCondition();
-    EXPECT_TRUE(endsWith(whatOf<mw::IllegalMonitorStateException>([&] { c.signal(); }),
-                         EMPTY_DESCRIPTION));
+    EXPECT_TRUE(
+        endsWith(whatOf<mw::IllegalMonitorStateException>([&] { c.signal(); }), EMPTY_DESCRIPTION));
     EXPECT_TRUE(endsWith(whatOf<mw::IllegalMonitorStateException>([&] { c.broadcast(); }),
                          EMPTY_DESCRIPTION));
     m.lock();
@@ -97,33 +101,47 @@ TEST(Condition, SignallingNeedsTheHoldEvenOnAnEmptyList) {
     EXPECT_FALSE(m.hasContended());
 }
 
-TEST(Condition, SignalTransfersTheLongestWaiterOnly) {
+// A signal transfers the longest live waiter only. A waiter that gave up stays on the list until it
+// has the hold back to unlink itself; a signal in that moment passes over it.
+TEST(Condition, SignalTransfersTheLongestLiveWaiterOnly) {
     TestMutex m;
     ConditionObject c = m.newCondition();
+    std::atomic<int> interrupted(0);
     std::atomic<int> firstBack(-1);
     auto waiter = [&](int id) {
         return [&, id] {
             m.lock();
-            c.await();
-            int none = -1;
-            firstBack.compare_exchange_strong(none, id);
+            try {
+                c.await();
+                int none = -1;
+                firstBack.compare_exchange_strong(none, id);
+            } catch (const mw::InterruptedException&) {
+                interrupted.fetch_add(1);
+            }
             m.unlock();
         };
     };
-    WorkerThread a(waiter(0));
+    WorkerThread gaveUp(waiter(0));
     EXPECT_TRUE(awaitWaiters(m, c, 1));
-    WorkerThread b(waiter(1));
+    WorkerThread a(waiter(1));
     EXPECT_TRUE(awaitWaiters(m, c, 2));
+    WorkerThread b(waiter(2));
+    EXPECT_TRUE(awaitWaiters(m, c, 3));
 
     m.lock();
+    gaveUp.self()->interrupt();
+    EXPECT_TRUE(mwtest::eventually([&] { return m.isQueued(gaveUp.self()); }));
+    EXPECT_EQ(2u, m.getWaitQueueLength(&c));
     c.signal();
     // The signalled waiter now queues for the hold that this thread still has.
     EXPECT_TRUE(m.isQueued(a.self()));
     EXPECT_FALSE(m.isQueued(b.self()));
     EXPECT_EQ(1u, m.getWaitQueueLength(&c));
     m.unlock();
-    EXPECT_TRUE(a.awaitFinished());
-    EXPECT_EQ(0, firstBack.load());
+    expectFinishes(gaveUp);
+    expectFinishes(a);
+    EXPECT_EQ(1, interrupted.load());
+    EXPECT_EQ(1, firstBack.load());
     EXPECT_FALSE(b.finished());
 
     m.lock();
@@ -131,7 +149,7 @@ TEST(Condition, SignalTransfersTheLongestWaiterOnly) {
     c.broadcast();
     EXPECT_EQ(0u, m.getWaitQueueLength(&c));
     m.unlock();
-    EXPECT_TRUE(b.awaitFinished());
+    expectFinishes(b);
 }
 
 TEST(Condition, AwaitGivesUpAMultipleHoldAndGetsItAllBack) {
@@ -167,8 +185,10 @@ TEST(Condition, AwaitGivesUpAMultipleHoldAndGetsItAllBack) {
 // the whole of it back, and leaves no waiter counted.
 TEST(Condition, TimedWaitsWithNoTimeLeftReleaseAndReacquire) {
     const std::vector<WaitForm> expired = {
-        {"await(0)", [](const ConditionObject& c) { return c.await(0, mw::TimeUnit::MILLISECONDS()); }},
-        {"await(-5 s)", [](const ConditionObject& c) { return c.await(-5, mw::TimeUnit::SECONDS()); }},
+        {"await(0)",
+         [](const ConditionObject& c) { return c.await(0, mw::TimeUnit::MILLISECONDS()); }},
+        {"await(-5 s)",
+         [](const ConditionObject& c) { return c.await(-5, mw::TimeUnit::SECONDS()); }},
         {"awaitNanos(0)", [](const ConditionObject& c) { return c.awaitNanos(0) > 0; }},
         {"awaitNanos(-1 ms)", [](const ConditionObject& c) { return c.awaitNanos(-MS) > 0; }},
         {"awaitUntil(past)",
@@ -413,42 +433,6 @@ TEST(Condition, InterruptedWaitersAreNoLongerCounted) {
     EXPECT_TRUE(signalled);
 }
 
-// A waiter that gave up stays on the list until it has the hold back to unlink itself; a signal
-// in that moment passes over it to the next live waiter.
-TEST(Condition, SignalPassesOverAWaiterThatGaveUp) {
-    TestMutex m;
-    ConditionObject c = m.newCondition();
-    std::atomic<int> interrupted(0);
-    std::atomic<bool> signalled(false);
-    auto waiter = [&] {
-        m.lock();
-        try {
-            c.await();
-            signalled = true;
-        } catch (const mw::InterruptedException&) {
-            interrupted.fetch_add(1);
-        }
-        m.unlock();
-    };
-    WorkerThread gaveUp(waiter);
-    EXPECT_TRUE(awaitWaiters(m, c, 1));
-    WorkerThread live(waiter);
-    EXPECT_TRUE(awaitWaiters(m, c, 2));
-
-    m.lock();
-    gaveUp.self()->interrupt();
-    EXPECT_TRUE(mwtest::eventually([&] { return m.isQueued(gaveUp.self()); }));
-    EXPECT_EQ(1u, m.getWaitQueueLength(&c));
-    c.signal();
-    EXPECT_TRUE(m.isQueued(live.self()));
-    EXPECT_EQ(0u, m.getWaitQueueLength(&c));
-    m.unlock();
-    expectFinishes(gaveUp);
-    expectFinishes(live);
-    EXPECT_EQ(1, interrupted.load());
-    EXPECT_TRUE(signalled);
-}
-
 TEST(Condition, InspectionRefusesForeignConditionsAndNonHolders) {
     TestMutex m;
     TestMutex other;
@@ -465,18 +449,18 @@ TEST(Condition, InspectionRefusesForeignConditionsAndNonHolders) {
         if (holding) m.lock();
         EXPECT_TRUE(endsWith(whatOf<mw::IllegalArgumentException>([&] { m.hasWaiters(&foreign); }),
                              "Description: Not owner"));
-        EXPECT_TRUE(endsWith(
-            whatOf<mw::IllegalArgumentException>([&] { m.getWaitQueueLength(&foreign); }),
-            "Description: Not owner"));
+        EXPECT_TRUE(
+            endsWith(whatOf<mw::IllegalArgumentException>([&] { m.getWaitQueueLength(&foreign); }),
+                     "Description: Not owner"));
     }
     m.unlock();
 
     other.lock();  // holding another synchronizer does not count
     EXPECT_TRUE(endsWith(whatOf<mw::IllegalMonitorStateException>([&] { m.hasWaiters(&c); }),
                          EMPTY_DESCRIPTION));
-    EXPECT_TRUE(endsWith(
-        whatOf<mw::IllegalMonitorStateException>([&] { m.getWaitQueueLength(&c); }),
-        EMPTY_DESCRIPTION));
+    EXPECT_TRUE(
+        endsWith(whatOf<mw::IllegalMonitorStateException>([&] { m.getWaitQueueLength(&c); }),
+                 EMPTY_DESCRIPTION));
     other.unlock();
 }
 
@@ -495,15 +479,18 @@ TEST(Condition, WaitByANonHolderLeavesListAndStateAlone) {
     EXPECT_TRUE(awaitWaiters(m, c, 1));
 
     std::vector<WaitForm> forms = interruptibleForms();
-    forms.push_back({"awaitUninterruptibly",
-                     [](const ConditionObject& cond) { cond.awaitUninterruptibly(); return true; }});
+    forms.push_back({"awaitUninterruptibly", [](const ConditionObject& cond) {
+                         cond.awaitUninterruptibly();
+                         return true;
+                     }});
     auto strangerWaits = [&] {
         long releaseCalls = m.releaseCalls();
         WorkerThread stranger([&] {
             for (const WaitForm& form : forms) {
                 SCOPED_TRACE(form.name);
-                EXPECT_TRUE(endsWith(whatOf<mw::IllegalMonitorStateException>([&] { form.wait(c); }),
-                                     EMPTY_DESCRIPTION));
+                EXPECT_TRUE(
+                    endsWith(whatOf<mw::IllegalMonitorStateException>([&] { form.wait(c); }),
+                             EMPTY_DESCRIPTION));
             }
         });
         EXPECT_TRUE(stranger.awaitFinished());

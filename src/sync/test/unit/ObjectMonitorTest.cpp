@@ -28,7 +28,8 @@ std::string thrownText(Operation operation) {
 }
 
 bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 class ObjectMonitor : public testing::Test {
@@ -108,16 +109,16 @@ TEST_F(ObjectMonitor, GuardWithoutAnObjectThrows) {
 }
 
 TEST_F(ObjectMonitor, NanosecondsOutOfRangeAreRefusedBeforeAnythingElse) {
-    const long long rows[][2] = {{0, -1},        {0, 1000000},   {10, -1}, {-5, 1000000},
+    const long long rows[][2] = {{0, -1},        {0, 1000000},   {10, -1},       {-5, 1000000},
                                  {0, LLONG_MIN}, {0, LLONG_MAX}, {LLONG_MAX, -1}};
     const mw::Thread* me = mw::Thread::currentThread();
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "wait(" << row[0] << ", " << row[1] << ")");
         // Neither a missing monitor nor a pending interrupt is looked at first.
         me->interrupt();
-        EXPECT_TRUE(endsWith(thrownText<mw::IllegalArgumentException>(
-                                 [&] { m_monitor.wait(row[0], row[1]); }),
-                             "Description: Parameter ns out of range > 999999"));
+        EXPECT_TRUE(endsWith(
+            thrownText<mw::IllegalArgumentException>([&] { m_monitor.wait(row[0], row[1]); }),
+            "Description: Parameter ns out of range > 999999"));
         EXPECT_TRUE(mw::Thread::interrupted());
         mw::Guard guard(m_monitor);
         EXPECT_THROW(m_monitor.wait(row[0], row[1]), mw::IllegalArgumentException);

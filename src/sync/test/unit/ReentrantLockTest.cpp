@@ -29,7 +29,8 @@ std::string thrownText(Operation operation) {
 }
 
 bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 // A Condition that is not the library's: a lock must refuse it by its type.
@@ -263,12 +264,12 @@ TYPED_TEST(ReentrantLockTest, ConditionQuestionsCheckNullTypeOwnerThenHold) {
         if (holding) lock.lock();
         EXPECT_THROW(lock.hasWaiters(nullptr), mw::NullPointerException);
         EXPECT_THROW(lock.getWaitQueueLength(nullptr), mw::NullPointerException);
-        EXPECT_TRUE(endsWith(thrownText<mw::IllegalArgumentException>(
-                                 [&] { lock.hasWaiters(&foreign); }),
-                             "Description: not owner"));
-        EXPECT_TRUE(endsWith(thrownText<mw::IllegalArgumentException>(
-                                 [&] { lock.getWaitQueueLength(&foreign); }),
-                             "Description: not owner"));
+        EXPECT_TRUE(
+            endsWith(thrownText<mw::IllegalArgumentException>([&] { lock.hasWaiters(&foreign); }),
+                     "Description: not owner"));
+        EXPECT_TRUE(endsWith(
+            thrownText<mw::IllegalArgumentException>([&] { lock.getWaitQueueLength(&foreign); }),
+            "Description: not owner"));
         EXPECT_TRUE(endsWith(thrownText<mw::IllegalArgumentException>(
                                  [&] { lock.hasWaiters(othersCondition.get()); }),
                              "Description: Not owner"));

@@ -50,17 +50,16 @@ const mw::Thread* me() { return mw::Thread::currentThread(); }
 
 TEST(Synchronizer, BaseClassOperationsAreUnsupportedAndQueueNothing) {
     BareSynchronizer s;
-    const std::string unsupported = "Description: Operation not supported in base implementation";
-    EXPECT_TRUE(endsWith(whatOf<mw::UnsupportedOperationException>([&] { s.acquire(1); }),
-                         unsupported));
-    EXPECT_TRUE(endsWith(
-        whatOf<mw::UnsupportedOperationException>([&] { s.acquireInterruptibly(1); }),
-        unsupported));
-    EXPECT_TRUE(endsWith(
-        whatOf<mw::UnsupportedOperationException>([&] { s.tryAcquireNanos(1, MS); }),
-        unsupported));
-    EXPECT_TRUE(endsWith(whatOf<mw::UnsupportedOperationException>([&] { s.release(1); }),
-                         unsupported));
+    const std::function<void()> operations[] = {
+        [&] { s.acquire(1); },
+        [&] { s.acquireInterruptibly(1); },
+        [&] { s.tryAcquireNanos(1, MS); },
+        [&] { s.release(1); },
+    };
+    for (const std::function<void()>& operation : operations) {
+        EXPECT_TRUE(endsWith(whatOf<mw::UnsupportedOperationException>(operation),
+                             "Description: Operation not supported in base implementation"));
+    }
     EXPECT_FALSE(s.hasContended());
     EXPECT_EQ(0u, s.getQueueLength());
 }
@@ -102,7 +101,8 @@ TEST(Synchronizer, ContendedAcquisitionIsMutuallyExclusive) {
                     m.lock();
                     if (inside.fetch_add(1) != 0) overlaps.fetch_add(1);
                     long seen = counter;
-                    if (r % 16 == 0) std::this_thread::yield();  // holds long enough to queue others
+                    if (r % 16 == 0)
+                        std::this_thread::yield();  // holds long enough to queue others
                     counter = seen + 1;
                     inside.fetch_sub(1);
                     m.unlock();
@@ -247,7 +247,8 @@ TEST(Synchronizer, InterruptCancelsAcquireInterruptibly) {
 }
 
 TEST(Synchronizer, InterruptCancelsTimedAcquire) {
-    expectInterruptCancelsTheWait([](TestMutex& m) { EXPECT_TRUE(m.tryAcquireNanos(1, LONG_WAIT)); });
+    expectInterruptCancelsTheWait(
+        [](TestMutex& m) { EXPECT_TRUE(m.tryAcquireNanos(1, LONG_WAIT)); });
 }
 
 TEST(Synchronizer, InterruptibleFormsRefuseAPendingInterruptEvenWhenFree) {
@@ -392,8 +393,8 @@ TEST(Synchronizer, ReleaseThatDoesNotFreeWakesNobody) {
     long before = m.attempts();
     EXPECT_FALSE(m.release(1));
     // A woken waiter would call tryAcquire again at once; none comes within a generous window.
-    EXPECT_FALSE(mwtest::eventually([&] { return m.attempts() != before; },
-                                    std::chrono::milliseconds(100)));
+    EXPECT_FALSE(
+        mwtest::eventually([&] { return m.attempts() != before; }, std::chrono::milliseconds(100)));
     EXPECT_TRUE(m.isQueued(waiter.self()));
     EXPECT_TRUE(m.release(1));
     EXPECT_TRUE(waiter.awaitFinished());
@@ -403,7 +404,6 @@ TEST(Synchronizer, ReleaseThatDoesNotFreeWakesNobody) {
 // The first queued thread is read while nodes are linked (next of the predecessor not yet set)
 // and cancelled around it; these windows are open only for moments, so they are hit by repetition.
 TEST(Synchronizer, FirstQueuedThreadStaysRightWhileNodesComeAndGo) {
-    const int ROUNDS = 1000;
     TestMutex m;
     m.lock();
 
@@ -444,6 +444,7 @@ TEST(Synchronizer, FirstQueuedThreadStaysRightWhileNodesComeAndGo) {
     EXPECT_EQ(0, wrongWhileCancelling);
 
     // With a steady first waiter, the churn behind it never changes the answer.
+    const int ROUNDS = 1000;
     std::atomic<bool> steadyHeld(false);
     WorkerThread steady([&] {
         m.lock();

@@ -29,20 +29,19 @@ long long expected(int from, int to, long long duration) {
     return static_cast<long long>(exact);
 }
 
+typedef long long (mw::TimeUnit::*Conversion)(long long) const;
+const Conversion TO[4] = {&mw::TimeUnit::toNanos, &mw::TimeUnit::toMicros, &mw::TimeUnit::toMillis,
+                          &mw::TimeUnit::toSeconds};
+
 long long viaNamedOperation(const mw::TimeUnit& unit, int to, long long duration) {
-    switch (to) {
-    case 0: return unit.toNanos(duration);
-    case 1: return unit.toMicros(duration);
-    case 2: return unit.toMillis(duration);
-    default: return unit.toSeconds(duration);
-    }
+    return (unit.*TO[to])(duration);
 }
 
 // Every pair of units, in both directions, with both entry points, on each side of every bound.
 TEST(TimeUnit, ConvertsEveryPairAtAndAroundEachBound) {
-    std::vector<long long> values = {0, 1, -1, 999, -999, 1000, -1000, 1999, -1999,
-                                     999999, -999999, LLONG_MAX, LLONG_MIN, LLONG_MAX - 1,
-                                     LLONG_MIN + 1};
+    std::vector<long long> values = {0,       1,         -1,        999,           -999,
+                                     1000,    -1000,     1999,      -1999,         999999,
+                                     -999999, LLONG_MAX, LLONG_MIN, LLONG_MAX - 1, LLONG_MIN + 1};
     for (int d = 1; d < 4; ++d) {
         for (long long v : {BOUNDS[d], BOUNDS[d] + 1, BOUNDS[d] - 1}) {
             values.push_back(v);
@@ -98,8 +97,8 @@ TEST(TimeUnit, KnownConversions) {
         {2, 3, 5000, 5},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << NAMES[c.from] << " -> " << NAMES[c.to] << " "
-                                        << c.duration);
+        SCOPED_TRACE(testing::Message()
+                     << NAMES[c.from] << " -> " << NAMES[c.to] << " " << c.duration);
         EXPECT_EQ(c.result, UNITS[c.to]().convert(c.duration, UNITS[c.from]()));
         EXPECT_EQ(c.result, viaNamedOperation(UNITS[c.from](), c.to, c.duration));
     }
