@@ -58,7 +58,7 @@ public:
 
     void awaitNotFull() { m_notFull->await(); }
     void awaitNotEmpty() { m_notEmpty->await(); }
-    // A signal, not a broadcast: a signal lost to an interrupted waiter would stall the run.
+    // One signal per item, not a broadcast, so that interrupts race with signals in flight.
     void afterPut() { m_notEmpty->signal(); }
     void afterTake() { m_notFull->signal(); }
     void wakeAll() {

@@ -54,7 +54,7 @@ protected:
     }
 
     // Starts `count` threads one at a time, each in an untimed wait under a Guard, so that they
-    // stand on the condition in index order. Each records its index in `order` when it is back.
+    // stand on the condition in index order. Each records its index in m_order when it is back.
     void startWaiters(int count) {
         for (int i = 0; i < count; ++i) {
             m_waiters.emplace_back(new WorkerThread([this, i] {
