@@ -2,6 +2,7 @@
 
 #include "Park.h"
 #include "ThreadInfoSlot.h"
+#include "platform.h"
 #include "concurrent/IllegalArgumentException.h"
 #include "concurrent/IllegalMonitorStateException.h"
 #include "concurrent/InterruptedException.h"
@@ -225,6 +226,19 @@ void AbstractQueuedSynchronizer::cancelAcquire(Node* node) {
 
 // ---- exclusive acquisition ----------------------------------------------------------------------
 
+// The first waiter watches the synchronizer for a short while before it asks to be woken: a holder
+// that lets go within that time hands over without a wake-up, and its release, finding the head's
+// status still 0, wakes nobody. It spins only while it has not yet marked its predecessor.
+bool AbstractQueuedSynchronizer::spinAsFirst(Node* p, int arg) {
+    const int FIRST_WAITER_SPINS = 64;
+    for (int round = 0; round < FIRST_WAITER_SPINS; ++round) {
+        if (p->status.get() != 0 || p != m_head.get()) return false;
+        platform::cpuRelax();
+        if (tryAcquire(arg)) return true;
+    }
+    return false;
+}
+
 bool AbstractQueuedSynchronizer::parkAndCheckInterrupt() {
     parkCurrent();
     return detail::currentThreadFast()->isInterrupted(true);
@@ -251,7 +265,7 @@ bool AbstractQueuedSynchronizer::acquireQueued(Node* node, int arg) {
     try {
         for (;;) {
             Node* p = node->predecessor();
-            if (p == m_head.get() && tryAcquire(arg)) {
+            if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
                 setHead(node);
                 p->next.set(nullptr);  // [Q3]
                 retireOldHead(p);
@@ -274,7 +288,7 @@ void AbstractQueuedSynchronizer::doAcquireInterruptibly(int arg) {
     try {
         for (;;) {
             Node* p = node->predecessor();
-            if (p == m_head.get() && tryAcquire(arg)) {
+            if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
                 setHead(node);
                 p->next.set(nullptr);  // [Q3]
                 retireOldHead(p);

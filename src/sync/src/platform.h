@@ -76,6 +76,9 @@ std::int64_t queryPerformanceCounter();
 void yieldThread();
 void sleepMilliseconds(std::uint32_t milliseconds);
 
+// Tells the processor that the caller is spinning (x86 pause), on every supported target.
+inline void cpuRelax() { __builtin_ia32_pause(); }
+
 // A per-thread cache of the calling thread's record, where the platform has thread-local storage
 // that is cheaper than a slot read. The slot stays the source of truth; the portable code writes
 // the cache in step with it. Where there is no cache, cachedThreadRecord gives null and callers

@@ -133,6 +133,7 @@ private:
     static bool shouldParkAfterFailedAcquire(Node* pred, Node* node);
     void doAcquireInterruptibly(int arg);
     bool doAcquireNanos(int arg, long long nanosTimeout);
+    bool spinAsFirst(Node* p, int arg);
     static bool parkAndCheckInterrupt();
     static void selfInterrupt();
 

@@ -31,12 +31,6 @@ bool tryConsume(FutexEvent* event) {
     return event->m_word.compare_exchange_strong(set, 0);
 }
 
-inline void cpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-}
-
 // A permit often follows within a few microseconds (a lock handed over to the first waiter), so a
 // waiter watches the word for a short while before it sleeps: a hand-over then costs neither the
 // waker's futex wake nor the sleeper's wake-up latency. About 1-2 microseconds on current x86.
