@@ -340,12 +340,6 @@ bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout)
 
 #undef MW_GIVE_UP_NODE_ON_EXCEPTION
 
-bool AbstractQueuedSynchronizer::release(int arg) {
-    if (!tryRelease(arg)) return false;
-    Node* h = m_head.get();
-    if (h != nullptr && h->status.get() != 0) unparkSuccessor(h);
-    return true;
-}
 
 // ---- inspection ---------------------------------------------------------------------------------
 

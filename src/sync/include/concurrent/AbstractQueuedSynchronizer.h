@@ -81,7 +81,14 @@ public:
     void acquire(int arg);
     void acquireInterruptibly(int arg);
     bool tryAcquireNanos(int arg, long long nanosTimeout);
-    bool release(int arg);
+    // Inline, so that a subclass whose type is known at the call (a lock's member synchronizer)
+    // reaches its tryRelease without a virtual call.
+    bool release(int arg) {
+        if (!tryRelease(arg)) return false;
+        Node* h = m_head.get();
+        if (h != nullptr && h->status.get() != 0) unparkSuccessor(h);
+        return true;
+    }
 
     // Inspection: one moment's reading, without locks or allocation.
     bool hasQueuedThreads() const;
