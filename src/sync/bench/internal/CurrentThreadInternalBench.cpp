@@ -1,7 +1,10 @@
 // The read of the calling thread's object as the library's own lock paths make it (inlined from
-// the initial-exec cache), beside a plain thread_local read and the exported call. Linked with the
-// library's objects, as the library itself is.
+// the initial-exec cache), beside its peers in one run: a plain thread_local read, a
+// pthread_getspecific, the exported Thread::currentThread call, and a read of the OS slot with
+// the last-error code saved and restored. Linked with the library's objects, as the library is.
 #include <benchmark/benchmark.h>
+
+#include <pthread.h>
 
 #include "ThreadInfoSlot.h"
 #include "concurrent/Thread.h"
@@ -18,6 +21,18 @@ void BM_ThreadLocalRead(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ThreadLocalRead);
+
+void BM_PthreadGetSpecific(benchmark::State& state) {
+    static pthread_key_t key;
+    static int created = pthread_key_create(&key, nullptr);
+    benchmark::DoNotOptimize(created);
+    pthread_setspecific(key, &t_plainValue);
+    for (auto _ : state) {
+        void* value = pthread_getspecific(key);
+        benchmark::DoNotOptimize(value);
+    }
+}
+BENCHMARK(BM_PthreadGetSpecific);
 
 void BM_CurrentThreadInlined(benchmark::State& state) {
     mw::Thread::currentThread();  // adopt before measuring
