@@ -2,141 +2,56 @@
 
 #include <atomic>
 #include <functional>
-#include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "ThreadInfo.h"
-#include "ThreadInfoSlot.h"
-#include "concurrent/Thread.h"
-#include "concurrent/TlsPtr.h"
-#include "platform.h"
+#include "concurrent/Concurrent.h"
 
 namespace {
 
-using mw::Thread;
-using mw::detail::ThreadInfo;
-using mw::detail::readThreadInfoSlot;
+using Hook = std::function<void()>;
 
-// A thread-local value that logs its tag when it is cleaned, then runs its hook.
-struct Value {
-    int tag;
-    std::vector<int>* log;
-    std::function<void()> onClean;
-};
-
-struct LoggingPolicy {
-    static void deallocate(Value* value) {
-        value->log->push_back(value->tag);
-        if (value->onClean) value->onClean();
-        delete value;
-    }
-};
-
-typedef mw::TlsPtr<Value, LoggingPolicy> ValuePtr;
-
-class TrackedThread : public Thread {
+class TrackedThread : public mw::Thread {
 public:
     explicit TrackedThread(std::atomic<bool>* dead) : Thread(false, "tracked"), m_dead(dead) {}
     ~TrackedThread() override { m_dead->store(true); }
-
-private:
     std::atomic<bool>* m_dead;
 };
 
-// Records built by hand run on a thread of its own. Setting a value adopts that thread, so its own
-// record lists the pointers as well; it finds them null when the thread ends.
-void onFreshThread(const std::function<void()>& body) {
-    std::thread([&body] {
-        Thread::currentThread();
-        body();
-    }).join();
-}
-
-TEST(ThreadInfo, OwningRecordDeletesItsThreadAfterCleaningTheSlots) {
+// Records built by hand on a thread of their own; setting a value adopts that thread, so its own
+// record lists the pointers as well and finds them null at its end. A pointer entered twice would
+// be visited twice, and the second visit would clean the value that a later cleaner gave it.
+TEST(ThreadInfo, RecordCleansEachSlotOnceThenDeletesOnlyAThreadItOwns) {
     std::vector<int> log;
-    ValuePtr pointer;
-    onFreshThread([&] {
-        std::atomic<bool> dead{false};
+    mw::TlsPtr<Hook, mwtest::RunWhenCleaned> once, other;
+    mwtest::onFreshThread([&] {
+        std::atomic<bool> dead{false}, aliveWhileCleaned{false};
+        Hook* late = new Hook([&] {
+            log.push_back(3);
+            aliveWhileCleaned.store(!dead.load());
+        });
         TrackedThread* borrowed = new TrackedThread(&dead);
         {
-            ThreadInfo record(borrowed, false);
-            EXPECT_EQ(borrowed, record.getThread());
-            pointer.set(new Value{1, &log, nullptr});
-            record.addSlot(&pointer);
-        }
-        EXPECT_EQ(std::vector<int>{1}, log);
-        EXPECT_EQ(nullptr, pointer.get());
-        EXPECT_FALSE(dead.load()) << "a record that does not own its thread deleted it";
-        delete borrowed;
-
-        dead.store(false);
-        bool aliveWhileCleaned = false;
-        {
-            ThreadInfo record(new TrackedThread(&dead), true);
-            pointer.set(new Value{2, &log, [&] { aliveWhileCleaned = !dead.load(); }});
-            record.addSlot(&pointer);
-        }
-        EXPECT_EQ((std::vector<int>{1, 2}), log);
-        EXPECT_TRUE(aliveWhileCleaned) << "the thread died before its slots were cleaned";
-        EXPECT_TRUE(dead.load());
-    });
-}
-
-// A pointer entered twice would be visited twice; the second visit would clean the value that a
-// later cleaner gave it. With one entry that value stays where it was put.
-TEST(ThreadInfo, AddSlotEntersEachPointerOnce) {
-    std::vector<int> log;
-    ValuePtr once, other;
-    onFreshThread([&] {
-        Value* late = new Value{3, &log, nullptr};
-        Thread thread;
-        {
-            ThreadInfo record(&thread, false);
-            once.set(new Value{1, &log, nullptr});
-            other.set(new Value{2, &log, [&] { once.set(late); }});
-            record.addSlot(&once);
-            record.addSlot(&other);
-            record.addSlot(&once);
-            record.addSlot(&other);
+            mw::detail::ThreadInfo record(borrowed, false);
+            once.set(new Hook([&] { log.push_back(1); }));
+            other.set(new Hook([&] {
+                log.push_back(2);
+                once.set(late);
+            }));
+            for (auto* pointer : {&once, &other, &once, &other}) record.addSlot(pointer);
         }
         EXPECT_EQ((std::vector<int>{1, 2}), log);
         EXPECT_EQ(late, once.get());
-        EXPECT_EQ(nullptr, other.get());
-        once.set(nullptr);
-        delete late;
+        EXPECT_FALSE(dead.load()) << "a record that does not own its thread deleted it";
+        delete borrowed;
+        dead.store(false);
+        { mw::detail::ThreadInfo(new TrackedThread(&dead), true).addSlot(&once); }
+        EXPECT_EQ((std::vector<int>{1, 2, 3}), log);
+        EXPECT_TRUE(aliveWhileCleaned.load())
+            << "the owned thread died before its slots were cleaned";
+        EXPECT_TRUE(dead.load());
     });
-}
-
-// The adopted thread's record dies on its way out: every value is cleaned with the record already
-// withdrawn from the slot and the cache, and a cleaner that adopts the thread once more gets a
-// record that is freed as well.
-TEST(ThreadInfo, AdoptedThreadLosesItsRecordAtItsEnd) {
-    std::vector<int> log;
-    ValuePtr pointer, readopted;
-    std::atomic<void*> slotSeen{&log}, cacheSeen{&log};
-    std::thread([&] {
-        // Where the OS announces new threads, this one was adopted at its start: begin afresh.
-        mw::detail::s_threadInfo.reset(nullptr);
-        ASSERT_EQ(nullptr, readThreadInfoSlot());
-        const Thread* self = Thread::currentThread();
-        ThreadInfo* record = readThreadInfoSlot();
-        ASSERT_NE(nullptr, record);
-        EXPECT_EQ(self, record->getThread());
-        // The fast cache exists only where thread-local storage survives the detach routine.
-        if (MW_TEST_THREAD_ATTACH_NOTIFIED == 0) {
-            EXPECT_EQ(record, mw::platform::cachedThreadRecord());
-        }
-        EXPECT_EQ(mw::platform::currentThreadId(), self->getId());
-        pointer.set(new Value{1, &log, [&] {
-                                  slotSeen.store(readThreadInfoSlot());
-                                  cacheSeen.store(mw::platform::cachedThreadRecord());
-                                  Thread::currentThread();
-                                  readopted.set(new Value{2, &log, nullptr});
-                              }});
-    }).join();
-    EXPECT_EQ((std::vector<int>{1, 2}), log);
-    EXPECT_EQ(nullptr, slotSeen.load());
-    EXPECT_EQ(nullptr, cacheSeen.load());
 }
 
 }  // namespace

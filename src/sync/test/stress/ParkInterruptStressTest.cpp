@@ -13,21 +13,15 @@
 #include <thread>
 
 #include "TestSupport.h"
-#include "concurrent/AbstractQueuedSynchronizer.h"
-#include "concurrent/InterruptedException.h"
-#include "concurrent/Thread.h"
+#include "WorkerThread.h"
+#include "concurrent/Concurrent.h"
 
 namespace {
 
 using mw::Thread;
 
-// Never grants: acquireInterruptibly can end only by an interrupt.
-class Wall : public mw::AbstractQueuedSynchronizer {
-protected:
-    bool tryAcquire(int) override { return false; }
-};
-
-// A binary permit: release opens, one acquire passes and closes.
+// A binary permit: release opens, one acquire passes and closes. Never released, it is a wall
+// that acquireInterruptibly leaves only by an interrupt.
 class Gate : public mw::AbstractQueuedSynchronizer {
 protected:
     bool tryAcquire(int) override { return compareAndSetState(1, 0); }
@@ -37,48 +31,30 @@ protected:
     }
 };
 
-// A round that a wake-up has not ended after this long has lost it.
-const std::chrono::seconds LOST_AFTER(20);
-
-// Like mwtest::eventually, but spins between tests and yields only now and then: the waker must
-// see a round begin within the few hundred nanoseconds that the worker takes to reach its park.
-template <typename Predicate>
-bool spinUntil(Predicate predicate, std::chrono::steady_clock::duration deadline) {
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    for (unsigned i = 1; !predicate(); ++i) {
-        if (i % 1024 == 0) {
-            if (std::chrono::steady_clock::now() > end) return false;
-            std::this_thread::yield();
-        }
-    }
-    return true;
-}
-
 // The worker runs rounds of `block` until the count or its time budget is spent; for each round
-// the waker (this thread) waits until the round has begun, lets a random moment pass and calls
-// `wake`. A round that does not end is recorded as a failure, and the worker is then woken by
-// every means until it stops, so that a lost wake-up fails the test instead of hanging it.
-// Returns the number of rounds that ended.
-int runWakeRounds(int rounds, const std::function<void()>& block,
+// the waker (this thread) waits until it has begun, lets a random moment pass and calls `wake`.
+// A round that does not end is a failure, and the watchdog then wakes the worker by every means
+// until it stops, so that a lost wake-up fails the test instead of hanging it. Returns the number
+// of rounds that ended.
+int runWakeRounds(const std::function<void()>& block,
                   const std::function<void(const Thread*)>& wake) {
-    std::atomic<const Thread*> worker{nullptr};
+    const int rounds = 20000 * mwtest::stressScale();
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::seconds(30) * mwtest::stressScale();
+    // The waker must see a round begin within the few hundred nanoseconds that the worker takes
+    // to reach its park, so it spins; a round that a wake-up has not ended after 20 s has lost it.
+    auto spinUntil = [](auto done) {
+        return mwtest::eventually(done, std::chrono::seconds(20), 1024);
+    };
     std::atomic<int> started{0}, finished{0};
-    std::atomic<bool> stop{false}, workerDone{false};
-    mwtest::Latch release(1);
-    const auto budget = std::chrono::seconds(30) * mwtest::stressScale();
-    std::thread thread([&] {
-        worker.store(Thread::currentThread());
-        const auto end = std::chrono::steady_clock::now() + budget;
-        for (int r = 1; r <= rounds && !stop.load() && std::chrono::steady_clock::now() < end;
-             ++r) {
+    std::atomic<bool> stop{false};
+    mwtest::WorkerThread worker([&] {
+        for (int r = 1; r <= rounds && !stop && std::chrono::steady_clock::now() < end; ++r) {
             started.store(r);
             block();
             finished.store(r);
         }
-        workerDone.store(true);
-        release.wait();  // the waker may still use this thread's object
     });
-
     unsigned seed = std::random_device()();
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     std::minstd_rand random(seed);
@@ -86,49 +62,37 @@ int runWakeRounds(int rounds, const std::function<void()>& block,
     // The delay drifts toward the moment at which the worker publishes its park: shorter after a
     // wake-up that found it parked, longer after one that came before. The jitter spreads the
     // wake-ups over that moment, where the window lies.
-    int delay = 0;
-    int ended = 0;
-    auto rescue = [&] {
-        stop.store(true);
-        while (!workerDone.load()) {
-            wake(worker.load());
-            worker.load()->interrupt();
-            std::this_thread::yield();
-        }
-    };
+    int delay = 0, ended = 0;
     for (;;) {
         int round = ended;
-        if (!spinUntil([&] { return (round = started.load()) != ended || workerDone.load(); },
-                       LOST_AFTER)) {
-            ADD_FAILURE() << "round " << ended + 1 << " never began";
-            rescue();
-            break;
+        bool begun = spinUntil([&] { return (round = started) != ended || worker.finished(); });
+        if (begun && round == ended) return ended;
+        if (begun) {
+            int spins = delay + static_cast<int>(random() % 256) - 128;
+            for (int i = 0; i < spins; ++i) sink = sink + 1;
+            bool parked = worker.self()->getState() != Thread::RUNNING;
+            wake(worker.self());
+            delay = std::max(0, std::min(1 << 20, delay + (parked ? -16 : 16)));
+            if (spinUntil([&] { return finished == round; })) {
+                ended = round;
+                continue;
+            }
         }
-        if (round == ended) break;
-        int spins = delay + static_cast<int>(random() % 256) - 128;
-        for (int i = 0; i < spins; ++i) sink = sink + 1;
-        bool parked = worker.load()->getState() != Thread::RUNNING;
-        wake(worker.load());
-        delay = std::max(0, std::min(1 << 20, delay + (parked ? -16 : 16)));
-        if (!spinUntil([&] { return finished.load() == round; }, LOST_AFTER)) {
-            ADD_FAILURE() << "round " << round << " did not end: its wake-up was lost";
-            rescue();
-            break;
+        ADD_FAILURE() << "round " << ended + 1 << (begun ? " lost its wake-up" : " never began");
+        stop.store(true);
+        while (!worker.finished()) {
+            wake(worker.self());
+            worker.self()->interrupt();
+            std::this_thread::yield();
         }
-        ended = round;
+        return ended;
     }
-    release.countDown();
-    thread.join();
-    return ended;
 }
 
-const int ROUNDS = 20000;
-
 TEST(ParkInterruptStress, EveryInterruptEndsAnUnlimitedPark) {
-    Wall wall;
+    Gate wall;
     int interruptsSeen = 0;
     int ended = runWakeRounds(
-        ROUNDS * mwtest::stressScale(),
         [&] {
             try {
                 wall.acquireInterruptibly(1);
@@ -147,7 +111,6 @@ TEST(ParkInterruptStress, EveryInterruptEndsAnUnlimitedPark) {
 TEST(ParkInterruptStress, EveryReleaseLetsTheParkedAcquirerThrough) {
     Gate gate;
     int ended = runWakeRounds(
-        ROUNDS * mwtest::stressScale(),
         [&] {
             gate.acquire(1);
             EXPECT_FALSE(Thread::interrupted()) << "the round ended by the watchdog's interrupt";

@@ -1,23 +1,20 @@
 // TestMutex: a reentrant exclusive mutex on AbstractQueuedSynchronizer, for tests only. State 0
 // is free; n means held n times by the recorded owner. tryAcquire can be armed to throw once for
-// one chosen thread, so that a test can make an acquisition fail while that thread is queued.
-// Calls of tryAcquire and tryRelease are counted: a test sees whether a queued thread was woken, or
+// one chosen thread, so that an acquisition fails while that thread is queued. Calls of tryAcquire
+// and tryRelease are counted, so a test sees whether a queued thread was woken to try again, or
 // whether an operation asked the subclass to release at all.
 #ifndef MW_SYNC_TEST_TEST_MUTEX_H
 #define MW_SYNC_TEST_TEST_MUTEX_H
 
 #include <atomic>
-#include <stdexcept>
+#include <string>
 
+#include "WorkerThread.h"
 #include "concurrent/Concurrent.h"
 
 namespace mwtest {
 
-// What an armed tryAcquire throws.
-class AcquireFailure : public std::runtime_error {
-public:
-    AcquireFailure() : std::runtime_error("tryAcquire failed on purpose") {}
-};
+struct AcquireFailure {};  // what an armed tryAcquire throws
 
 class TestMutex : public mw::AbstractQueuedSynchronizer {
 public:
@@ -30,11 +27,9 @@ public:
     ConditionObject newCondition() const { return ConditionObject(this); }
 
     int state() const { return getState(); }
-    const mw::Thread* owner() const { return m_owner.load(); }
     bool heldByCurrentThread() const { return isHeldExclusively(); }
     long attempts() const { return m_attempts.load(); }
     long releaseCalls() const { return m_releaseCalls.load(); }
-    // The next tryAcquire of that thread throws AcquireFailure; null disarms.
     void failNextAcquireOf(const mw::Thread* thread) { m_failFor.store(thread); }
 
 protected:
@@ -77,6 +72,28 @@ private:
     std::atomic<long> m_attempts;
     std::atomic<long> m_releaseCalls;
 };
+
+// True if action throws E and its message ends in the given description.
+template <typename E, typename Action>
+bool throwsWith(Action action, const std::string& description) {
+    try {
+        action();
+    } catch (const E& e) {
+        std::string text = e.what();
+        std::string tail = ", Description: " + description;
+        return text.size() >= tail.size() && text.substr(text.size() - tail.size()) == tail;
+    } catch (...) {
+    }
+    return false;
+}
+
+// Waits for a worker's body. One still blocked is interrupted, so that a lost wake-up in an
+// interruptible wait fails the test instead of hanging it in the join.
+inline bool finishes(const WorkerThread& worker) {
+    if (worker.awaitFinished()) return true;
+    worker.self()->interrupt();
+    return false;
+}
 
 }  // namespace mwtest
 

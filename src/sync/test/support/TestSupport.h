@@ -1,20 +1,25 @@
 // Helpers shared by the tests: polling with a generous deadline instead of sleeping, a start line
-// for threads, and the stress scale.
+// for threads, a fresh thread for a body, timing, thread-local hooks, and the stress scale.
 #ifndef MW_SYNC_TEST_SUPPORT_H
 #define MW_SYNC_TEST_SUPPORT_H
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <thread>
 
 namespace mwtest {
 
-// Polls predicate until it holds or the deadline passes; returns whether it held.
+// Polls predicate until it holds or the deadline passes; returns whether it held. It yields
+// between polls, or only after every spin-th poll: a waker that must catch a moment spins.
 template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds deadline = std::chrono::seconds(30)) {
+bool eventually(Predicate predicate, std::chrono::milliseconds deadline = std::chrono::seconds(30),
+                unsigned spin = 1) {
     auto end = std::chrono::steady_clock::now() + deadline;
-    while (!predicate()) {
+    for (unsigned i = 1; !predicate(); ++i) {
+        if (i % spin != 0) continue;
         if (std::chrono::steady_clock::now() > end) return false;
         std::this_thread::yield();
     }
@@ -36,6 +41,28 @@ public:
 
 private:
     std::atomic<int> m_count;
+};
+
+// Runs body on a thread of its own and joins it: the thread starts with no permit, no interrupt,
+// no thread-local values, and its record dies before this returns.
+template <typename Body>
+void onFreshThread(Body body) {
+    std::thread(body).join();
+}
+
+template <typename Body>
+std::chrono::steady_clock::duration elapsed(Body body) {
+    auto start = std::chrono::steady_clock::now();
+    body();
+    return std::chrono::steady_clock::now() - start;
+}
+
+// A thread-local pointer's cleaning policy for a hook: cleaning a value runs it, then frees it.
+struct RunWhenCleaned {
+    static void deallocate(std::function<void()>* hook) {
+        std::unique_ptr<std::function<void()>> owned(hook);
+        (*owned)();
+    }
 };
 
 // Multiplies stress iteration counts; MW_STRESS_SCALE in the environment, default 1.

@@ -7,8 +7,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <thread>
-#include <utility>
 
 #include "TestSupport.h"
 #include "concurrent/Thread.h"
@@ -26,40 +27,44 @@ public:
               m_exit.wait();
           }) {}
 
-    WorkerThread(const WorkerThread&) = delete;
-    WorkerThread& operator=(const WorkerThread&) = delete;
-
     ~WorkerThread() { join(); }
 
     const mw::Thread* self() const {
-        const mw::Thread* thread;
-        while ((thread = m_self.load()) == nullptr) std::this_thread::yield();
-        return thread;
+        while (m_self.load() == nullptr) std::this_thread::yield();
+        return m_self.load();
     }
 
     bool finished() const { return m_finished.load(); }
 
     // Polls until the body blocks in a park, timed or not; false if it finished instead or the
-    // deadline passed. A park is where every lock, condition and monitor wait of the library
-    // blocks, so this is how a test knows that the worker is queued.
+    // deadline passed. Every lock, condition and monitor wait of the library blocks in a park, so
+    // this is how a test knows that the worker is queued.
     bool awaitParked(std::chrono::milliseconds deadline = std::chrono::seconds(30)) const {
         const mw::Thread* thread = self();
-        bool seen = eventually(
-            [&] {
-                mw::Thread::State state = thread->getState();
-                return finished() || state == mw::Thread::PARKED ||
-                       state == mw::Thread::TIMED_PARKED;
-            },
-            deadline);
-        return seen && !finished();
+        auto parked = [&] {
+            mw::Thread::State state = thread->getState();
+            return state == mw::Thread::PARKED || state == mw::Thread::TIMED_PARKED;
+        };
+        return eventually([&] { return finished() || parked(); }, deadline) && !finished();
     }
 
     bool awaitFinished(std::chrono::milliseconds deadline = std::chrono::seconds(30)) const {
         return eventually([&] { return finished(); }, deadline);
     }
 
+    // A body still running two minutes (times the stress scale) into join() is taken for a hang
+    // in the primitive under test, or for a test that returned early without letting its worker
+    // go. Such a thread can be neither freed nor joined, so the process ends with a message.
     void join() {
         if (!m_thread.joinable()) return;
+        auto end = std::chrono::steady_clock::now() + std::chrono::minutes(2) * stressScale();
+        while (!finished()) {
+            if (std::chrono::steady_clock::now() > end) {
+                std::fputs("WorkerThread: the body did not finish; aborting\n", stderr);
+                std::abort();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));  // leaves the cores free
+        }
         m_exit.countDown();
         m_thread.join();
     }
@@ -69,20 +74,6 @@ private:
     std::atomic<bool> m_finished;
     Latch m_exit;
     std::thread m_thread;  // last: it starts once the fields above are built
-};
-
-// Runs an action when its scope ends, also when a failed assertion returns early. Declared after
-// a WorkerThread, it runs before the thread is joined: the place to let a blocked worker go.
-template <typename Action>
-class OnExit {
-public:
-    explicit OnExit(Action action) : m_action(action) {}
-    OnExit(const OnExit&) = delete;
-    OnExit& operator=(const OnExit&) = delete;
-    ~OnExit() { m_action(); }
-
-private:
-    Action m_action;
 };
 
 }  // namespace mwtest

@@ -1,284 +1,139 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
-#include "TestSupport.h"
+#include "TestMutex.h"
 #include "WorkerThread.h"
 #include "concurrent/Concurrent.h"
 
 namespace {
 
+using mwtest::throwsWith;
 using mwtest::WorkerThread;
-typedef std::chrono::steady_clock Clock;
 
-template <typename E, typename Operation>
-std::string thrownText(Operation operation) {
+// Whether the calling thread holds the monitor: a wait that does not block needs it. It has no
+// effect on other waiters, unlike notify.
+bool holds(const mw::Object& monitor) {
     try {
-        operation();
-    } catch (const E& e) {
-        return e.what();
+        monitor.wait(0, 1);
+        return true;
+    } catch (const mw::IllegalMonitorStateException&) {
+        return false;
     }
-    return "nothing thrown";
 }
 
-bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() &&
-           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+TEST(ObjectMonitor, RefusalsComeBeforeAnythingElse) {
+    const mw::Object monitor;  // constant: every monitor operation works on a constant object
+    const mw::Object* none = nullptr;
+    EXPECT_TRUE(throwsWith<mw::NullPointerException>(
+        [&] { mw::Guard guard(none); }, "Can't create synchronization guard without an object"));
+    // ns out of range: neither a missing monitor nor a pending interrupt is looked at first.
+    const long long badNs[][2] = {{0, -1},        {0, 1000000},   {10, -1},       {-5, 1000000},
+                                  {0, LLONG_MIN}, {0, LLONG_MAX}, {LLONG_MAX, -1}};
+    for (const auto& row : badNs) {
+        mw::Thread::currentThread()->interrupt();
+        EXPECT_TRUE(throwsWith<mw::IllegalArgumentException>([&] { monitor.wait(row[0], row[1]); },
+                                                             "Parameter ns out of range > 999999"))
+            << "wait(" << row[0] << ", " << row[1] << ")";
+        EXPECT_TRUE(mw::Thread::interrupted());
+    }
+    for (long long ms : {0LL, 10LL, -1LL}) {
+        EXPECT_THROW(monitor.wait(ms, 0), mw::IllegalMonitorStateException);
+    }
+    EXPECT_THROW(monitor.notify(), mw::IllegalMonitorStateException);
+    EXPECT_THROW(monitor.notifyAll(), mw::IllegalMonitorStateException);
 }
 
-class ObjectMonitor : public testing::Test {
-protected:
-    // Whether the calling thread holds the monitor: notify needs it. Only used while no thread
-    // waits, so the notification itself changes nothing.
-    bool holdsMonitor() const {
-        try {
-            m_monitor.notify();
-            return true;
-        } catch (const mw::IllegalMonitorStateException&) {
-            return false;
+// Under two nested guards: waits that do not block, then waits that last their milliseconds (ns
+// neither adds to the time nor rounds it up; a notification with nobody waiting is lost and does
+// not end them early). Every row gives the monitor back with both holds, and so does a wait
+// ended at once by an interrupt pending since before the guards, which entering them ignores.
+TEST(ObjectMonitor, WaitsThatEndByThemselvesGiveBothHoldsBack) {
+    const mw::Object monitor;
+    const mw::Thread* me = mw::Thread::currentThread();
+    me->interrupt();
+    {
+        mw::Guard outer(monitor);
+        mw::Guard inner(&monitor);
+        EXPECT_THROW(monitor.wait(10, 0), mw::InterruptedException);
+        EXPECT_FALSE(me->isInterrupted());
+        const long long rows[][2] = {{0, 1},         {0, 999999}, {-1, 0},     {-1, 999999},
+                                     {LLONG_MIN, 0}, {10, 0},     {10, 999999}};
+        for (const auto& row : rows) {
+            monitor.notifyAll();
+            auto elapsed = mwtest::elapsed([&] { monitor.wait(row[0], row[1]); });
+            EXPECT_GE(elapsed, std::chrono::milliseconds(std::max(row[0], 0LL))) << row[0];
+            EXPECT_LT(elapsed, std::chrono::seconds(10));
         }
+        EXPECT_TRUE(holds(monitor));
     }
-
-    // Declared after a waiter, lets it go even when a failed assertion returns early.
-    auto wakeWaitersOnExit() const {
-        return mwtest::OnExit([this] {
-            mw::Guard guard(m_monitor);
-            m_monitor.notifyAll();
-        });
+    EXPECT_FALSE(holds(monitor));
+    try {
+        mw::Guard guard(monitor);
+        throw std::runtime_error("unwind");
+    } catch (const std::runtime_error&) {
+        EXPECT_FALSE(holds(monitor));
     }
+}
 
-    // Starts `count` threads one at a time, each in an untimed wait under a Guard, so that they
-    // stand on the condition in index order. Each records its index in m_order when it is back.
-    void startWaiters(int count) {
-        for (int i = 0; i < count; ++i) {
-            m_waiters.emplace_back(new WorkerThread([this, i] {
-                mw::Guard guard(m_monitor);
-                m_monitor.wait(0, 0);
-                m_order[m_woken.fetch_add(1)].store(i);
-            }));
-            ASSERT_TRUE(m_waiters.back()->awaitParked());
-        }
+// Four waiters under two nested guards, queued in index order; 1 and 3 (a timed wait) are
+// interrupted, then notify must wake 0 alone and notifyAll the rest. An observer queued for the
+// monitor right after each notification enters after every waiter it moved (the lock's queue is
+// first in, first out) and counts the waiters back by then.
+TEST(ObjectMonitor, WaitersUnderNestedGuardsAreNotifiedInOrderOrInterrupted) {
+    const mw::Object monitor;
+    std::atomic<int> back(0), order[2], interrupted(0);
+    std::atomic<bool> holdsRight(true);
+    std::vector<std::unique_ptr<WorkerThread>> waiters;
+    for (int i = 0; i < 4; ++i) {
+        waiters.emplace_back(new WorkerThread([&, i] {
+            {
+                mw::Guard outer(monitor);
+                {
+                    mw::Guard inner(monitor);
+                    try {
+                        monitor.wait(i == 3 ? 60000 : 0, 0);
+                        order[back.fetch_add(1)].store(i);
+                    } catch (const mw::InterruptedException&) {
+                        if (!mw::Thread::currentThread()->isInterrupted()) interrupted.fetch_add(1);
+                    }
+                }
+                if (!holds(monitor)) holdsRight.store(false);
+            }
+            if (holds(monitor)) holdsRight.store(false);
+        }));
+        ASSERT_TRUE(waiters.back()->awaitParked());
     }
-
-    // Notifies by `how` under the monitor and queues an observer for the monitor before letting
-    // go. A notification moves waiters to the lock's queue without waking them, and that queue is
-    // first in, first out, so the observer enters after every waiter that was moved; it reports
-    // how many waiters had come back by then.
-    int wokenBeforeObserver(void (mw::Object::*how)() const) {
+    for (int i : {1, 3}) waiters[i]->self()->interrupt();
+    ASSERT_TRUE(waiters[1]->awaitFinished() && waiters[3]->awaitFinished());
+    auto backBeforeObserver = [&](void (mw::Object::*how)() const) {
         std::atomic<int> seen(-1);
         std::unique_ptr<WorkerThread> observer;
         {
-            mw::Guard guard(m_monitor);
-            (m_monitor.*how)();
+            mw::Guard guard(monitor);  // entered while the waiters have given up both holds
+            (monitor.*how)();
             observer.reset(new WorkerThread([&] {
-                mw::Guard inner(m_monitor);
-                seen.store(m_woken.load());
+                mw::Guard inner(monitor);
+                seen.store(back.load());
             }));
             EXPECT_TRUE(observer->awaitParked());
         }
         EXPECT_TRUE(observer->awaitFinished());
         return seen.load();
-    }
-
-    // Lets any waiter that a failed test left behind go, so that its thread can be joined.
-    void TearDown() override {
-        {
-            mw::Guard guard(m_monitor);
-            m_monitor.notifyAll();
-        }
-        m_waiters.clear();
-    }
-
-    // Constant: every monitor operation must work on a constant object.
-    const mw::Object m_monitor;
-    std::vector<std::unique_ptr<WorkerThread>> m_waiters;
-    std::atomic<int> m_woken{0};
-    std::atomic<int> m_order[3]{};
-};
-
-TEST_F(ObjectMonitor, GuardWithoutAnObjectThrows) {
-    const mw::Object* none = nullptr;
-    EXPECT_TRUE(endsWith(thrownText<mw::NullPointerException>([&] { mw::Guard guard(none); }),
-                         "Description: Can't create synchronization guard without an object"));
-}
-
-TEST_F(ObjectMonitor, NanosecondsOutOfRangeAreRefusedBeforeAnythingElse) {
-    const long long rows[][2] = {{0, -1},        {0, 1000000},   {10, -1},       {-5, 1000000},
-                                 {0, LLONG_MIN}, {0, LLONG_MAX}, {LLONG_MAX, -1}};
-    const mw::Thread* me = mw::Thread::currentThread();
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << "wait(" << row[0] << ", " << row[1] << ")");
-        // Neither a missing monitor nor a pending interrupt is looked at first.
-        me->interrupt();
-        EXPECT_TRUE(endsWith(
-            thrownText<mw::IllegalArgumentException>([&] { m_monitor.wait(row[0], row[1]); }),
-            "Description: Parameter ns out of range > 999999"));
-        EXPECT_TRUE(mw::Thread::interrupted());
-        mw::Guard guard(m_monitor);
-        EXPECT_THROW(m_monitor.wait(row[0], row[1]), mw::IllegalArgumentException);
-        EXPECT_TRUE(holdsMonitor());
-    }
-    EXPECT_FALSE(holdsMonitor());
-}
-
-TEST_F(ObjectMonitor, EveryOperationNeedsTheMonitor) {
-    EXPECT_THROW(m_monitor.wait(0, 0), mw::IllegalMonitorStateException);
-    EXPECT_THROW(m_monitor.wait(10, 0), mw::IllegalMonitorStateException);
-    EXPECT_THROW(m_monitor.wait(0, 1), mw::IllegalMonitorStateException);
-    EXPECT_THROW(m_monitor.notify(), mw::IllegalMonitorStateException);
-    EXPECT_THROW(m_monitor.notifyAll(), mw::IllegalMonitorStateException);
-}
-
-TEST_F(ObjectMonitor, UntimedWaitBlocksUntilNotified) {
-    std::atomic<bool> returned(false);
-    WorkerThread waiter([&] {
-        mw::Guard guard(m_monitor);
-        m_monitor.wait(0, 0);
-        returned.store(true);
-    });
-    auto wake = wakeWaitersOnExit();
-    ASSERT_TRUE(waiter.awaitParked());
-    {
-        mw::Guard guard(m_monitor);
-        m_monitor.notify();
-        EXPECT_FALSE(returned.load()) << "the waiter returned without the monitor";
-    }
-    ASSERT_TRUE(waiter.awaitFinished());
-    EXPECT_TRUE(returned.load());
-}
-
-TEST_F(ObjectMonitor, TimedWaitLastsAtLeastItsMilliseconds) {
-    mw::Guard guard(m_monitor);
-    for (long long ns : {0LL, 999999LL}) {
-        Clock::time_point start = Clock::now();
-        m_monitor.wait(10, ns);
-        Clock::duration elapsed = Clock::now() - start;
-        EXPECT_GE(elapsed, std::chrono::milliseconds(10)) << "ns " << ns;
-        EXPECT_LT(elapsed, std::chrono::seconds(10)) << "ns " << ns;
-        EXPECT_TRUE(holdsMonitor());
-    }
-}
-
-// The timed form with no milliseconds left gives up the monitor and takes it back at once; all
-// the holds of nested guards come back.
-TEST_F(ObjectMonitor, WaitWithoutPositiveMillisecondsReturnsAtOnceHoldingTheMonitor) {
-    const long long rows[][2] = {{0, 1}, {0, 999999}, {-1, 0}, {-1, 999999}, {LLONG_MIN, 0}};
-    {
-        mw::Guard outer(m_monitor);
-        {
-            mw::Guard inner(m_monitor);
-            for (const auto& row : rows) {
-                m_monitor.wait(row[0], row[1]);
-                EXPECT_TRUE(holdsMonitor()) << "wait(" << row[0] << ", " << row[1] << ")";
-            }
-        }
-        EXPECT_TRUE(holdsMonitor());
-    }
-    EXPECT_FALSE(holdsMonitor());
-}
-
-// A notification with nobody waiting leaves nothing behind that could end a later wait early.
-TEST_F(ObjectMonitor, NotifyWithoutWaiterIsLost) {
-    mw::Guard guard(m_monitor);
-    m_monitor.notify();
-    m_monitor.notifyAll();
-    Clock::time_point start = Clock::now();
-    m_monitor.wait(20, 0);
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(20));
-}
-
-TEST_F(ObjectMonitor, NotifyWakesOneWaiterInQueueOrder) {
-    startWaiters(3);
-    for (int k = 0; k < 3; ++k) EXPECT_EQ(k + 1, wokenBeforeObserver(&mw::Object::notify));
-    for (auto& waiter : m_waiters) ASSERT_TRUE(waiter->awaitFinished());
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(i, m_order[i].load());
-}
-
-TEST_F(ObjectMonitor, NotifyAllWakesEveryWaiter) {
-    startWaiters(3);
-    EXPECT_EQ(3, wokenBeforeObserver(&mw::Object::notifyAll));
-    for (auto& waiter : m_waiters) ASSERT_TRUE(waiter->awaitFinished());
-}
-
-TEST_F(ObjectMonitor, WaitUnderNestedGuardsFreesTheMonitorAndRestoresBothHolds) {
-    std::atomic<bool> stillHeld(false), freeAfter(false);
-    WorkerThread waiter([&] {
-        {
-            mw::Guard outer(m_monitor);
-            {
-                mw::Guard inner(m_monitor);
-                m_monitor.wait(0, 0);
-            }
-            stillHeld.store(holdsMonitor());
-        }
-        freeAfter.store(!holdsMonitor());
-    });
-    auto wake = wakeWaitersOnExit();
-    ASSERT_TRUE(waiter.awaitParked());
-    {
-        mw::Guard guard(m_monitor);  // entered while the waiter has two holds given up
-        m_monitor.notify();
-    }
-    ASSERT_TRUE(waiter.awaitFinished());
-    EXPECT_TRUE(stillHeld.load());
-    EXPECT_TRUE(freeAfter.load());
-    mw::Guard guard(m_monitor);
-}
-
-TEST_F(ObjectMonitor, GuardUnwoundByAnExceptionLeavesTheMonitorFree) {
-    try {
-        mw::Guard guard(m_monitor);
-        throw std::runtime_error("unwind");
-    } catch (const std::runtime_error&) {
-        EXPECT_FALSE(holdsMonitor());
-    }
-    std::atomic<bool> entered(false);
-    WorkerThread other([&] {
-        mw::Guard guard(m_monitor);
-        entered.store(true);
-    });
-    ASSERT_TRUE(other.awaitFinished());
-    EXPECT_TRUE(entered.load());
-}
-
-TEST_F(ObjectMonitor, InterruptEndsAWaitWithTheMonitorHeld) {
-    for (long long ms : {0LL, 60000LL}) {
-        SCOPED_TRACE(testing::Message() << "wait(" << ms << ", 0)");
-        std::atomic<bool> caught(false), held(false), flagCleared(false);
-        WorkerThread waiter([&] {
-            mw::Guard guard(m_monitor);
-            try {
-                m_monitor.wait(ms, 0);
-            } catch (const mw::InterruptedException&) {
-                caught.store(true);
-                held.store(holdsMonitor());
-                flagCleared.store(!mw::Thread::currentThread()->isInterrupted());
-            }
-        });
-        auto wake = wakeWaitersOnExit();
-        ASSERT_TRUE(waiter.awaitParked());
-        waiter.self()->interrupt();
-        ASSERT_TRUE(waiter.awaitFinished());
-        EXPECT_TRUE(caught.load());
-        EXPECT_TRUE(held.load());
-        EXPECT_TRUE(flagCleared.load());
-    }
-    // An interrupt pending on entry to a wait ends it at once; entering a Guard ignores it.
-    const mw::Thread* me = mw::Thread::currentThread();
-    me->interrupt();
-    {
-        mw::Guard guard(m_monitor);
-        EXPECT_TRUE(me->isInterrupted());
-        EXPECT_THROW(m_monitor.wait(0, 0), mw::InterruptedException);
-        EXPECT_FALSE(me->isInterrupted());
-        EXPECT_TRUE(holdsMonitor());
-    }
+    };
+    EXPECT_EQ(1, backBeforeObserver(&mw::Object::notify));
+    EXPECT_EQ(2, backBeforeObserver(&mw::Object::notifyAll));
+    for (auto& waiter : waiters) ASSERT_TRUE(waiter->awaitFinished());
+    EXPECT_EQ(0, order[0].load());
+    EXPECT_EQ(2, order[1].load());
+    EXPECT_EQ(2, interrupted.load());
+    EXPECT_TRUE(holdsRight.load());
 }
 
 }  // namespace
