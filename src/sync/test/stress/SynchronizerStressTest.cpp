@@ -165,7 +165,6 @@ TEST(ConditionStress, SignalRacesTimeoutsAndInterrupts) {
     runWithInterrupts(WAITERS, body, "signal against cancel");
     signaller.join();
     EXPECT_EQ(0, excess);
-    EXPECT_GT(reported, 0);
     EXPECT_EQ(0, notHeld.load());
     EXPECT_FALSE(m.hasQueuedThreads());
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <vector>
 
 #include "TestMutex.h"
@@ -44,17 +45,17 @@ bool awaitWaiters(TestMutex& m, const ConditionObject& c, unsigned long long n) 
     });
 }
 
-// A signal transfers the longest live waiter only; each wait gives a double hold up and takes all
-// of it back. An interrupted waiter stays on the list until it has the hold back: it is counted no
-// more and a signal passes over it. A last waiter that gave up stays linked, uncounted, and a
-// signal over it transfers nobody.
+// A signal transfers the longest live waiter only, and a broadcast every one, in list order; each
+// wait gives a double hold up and takes all of it back. An interrupted waiter stays on the list
+// until it has the hold back: it is counted no more and a signal passes over it.
 TEST(Condition, SignalTransfersTheLongestLiveWaiterOnly) {
     TestMutex m;
     ConditionObject c = m.newCondition();
     std::vector<int> back;  // under m: ids of ended waits, negative for interrupted ones
     std::atomic<int> unsound(0);
-    auto waiter = [&](int id) {
-        return [&, id] {
+    std::vector<std::unique_ptr<WorkerThread>> w;
+    for (int id = 1; id <= 4; ++id) {
+        w.emplace_back(new WorkerThread([&, id] {
             m.acquire(2);
             try {
                 c.await();
@@ -64,38 +65,25 @@ TEST(Condition, SignalTransfersTheLongestLiveWaiterOnly) {
             }
             if (m.state() != 2 || me()->isInterrupted()) unsound += 1;
             m.release(2);
-        };
-    };
-    WorkerThread w1(waiter(1));
-    EXPECT_TRUE(awaitWaiters(m, c, 1));
-    WorkerThread w2(waiter(2));
-    EXPECT_TRUE(awaitWaiters(m, c, 2));
-    WorkerThread w3(waiter(3));
-    EXPECT_TRUE(awaitWaiters(m, c, 3));
-
+        }));
+        EXPECT_TRUE(awaitWaiters(m, c, id));
+    }
     m.lock();
     EXPECT_EQ(1, m.state());
-    w1.self()->interrupt();
-    EXPECT_TRUE(mwtest::eventually([&] { return m.isQueued(w1.self()); }));
-    EXPECT_EQ(2u, m.getWaitQueueLength(&c));
+    w[0]->self()->interrupt();
+    EXPECT_TRUE(mwtest::eventually([&] { return m.isQueued(w[0]->self()); }));
+    EXPECT_EQ(3u, m.getWaitQueueLength(&c));
     c.signal();
-    EXPECT_TRUE(m.isQueued(w2.self()));
-    EXPECT_FALSE(m.isQueued(w3.self()));
-    EXPECT_EQ(1u, m.getWaitQueueLength(&c));
+    EXPECT_TRUE(m.isQueued(w[1]->self()));
+    EXPECT_FALSE(m.isQueued(w[2]->self()));
+    EXPECT_EQ(2u, m.getWaitQueueLength(&c));
+    c.broadcast();
+    EXPECT_TRUE(m.isQueued(w[2]->self()) && m.isQueued(w[3]->self()));
+    EXPECT_FALSE(m.hasWaiters(&c));
     EXPECT_TRUE(back.empty());
     m.unlock();
-    EXPECT_TRUE(finishes(w1));
-    EXPECT_TRUE(finishes(w2));
-    w3.self()->interrupt();
-    EXPECT_TRUE(finishes(w3));
-
-    m.lock();
-    EXPECT_EQ((std::vector<int>{-1, 2, -3}), back);
-    EXPECT_FALSE(m.hasWaiters(&c));
-    EXPECT_EQ(0u, m.getWaitQueueLength(&c));
-    c.signal();
-    EXPECT_FALSE(m.hasQueuedThreads());
-    m.unlock();
+    for (auto& waiter : w) EXPECT_TRUE(finishes(*waiter));
+    EXPECT_EQ((std::vector<int>{-1, 2, 3, 4}), back);
     EXPECT_EQ(0, unsound.load());
 }
 
@@ -176,6 +164,7 @@ TEST(Condition, InterruptBeforeOrAfterTheSignal) {
             EXPECT_FALSE(m.hasWaiters(&c));
         }
         m.unlock();
+        EXPECT_FALSE(m.hasContended());
         for (bool signalFirst : {false, true}) {
             const bool signalled = signalFirst || !interruptible;
             std::atomic<int> outcome(0);  // 1: reported a signal, 2: a time-out, -1: threw
@@ -252,11 +241,9 @@ TEST(Condition, MisuseIsRefusedAndChangesNothing) {
     strangerIsRefused();
     EXPECT_FALSE(m.hasContended());  // no wait has queued anything
 
-    std::atomic<bool> signalled(false);
     WorkerThread waiter([&] {
         m.lock();
         c.await();
-        signalled = m.heldByCurrentThread();
         m.unlock();
     });
     EXPECT_TRUE(awaitWaiters(m, c, 1));
@@ -267,8 +254,7 @@ TEST(Condition, MisuseIsRefusedAndChangesNothing) {
     EXPECT_EQ(1u, m.getWaitQueueLength(&c));
     c.broadcast();
     m.release(2);
-    EXPECT_TRUE(waiter.awaitFinished());
-    EXPECT_TRUE(signalled);
+    EXPECT_TRUE(finishes(waiter));
 }
 
 }  // namespace

@@ -104,7 +104,7 @@ TEST(Synchronizer, AWaiterThatGivesUpHandsItsPlaceOn) {
                           {[](TestMutex& m) { m.acquire(1); }, false},
                           {[](TestMutex& m) { m.acquireInterruptibly(1); }, false},
                           {[](TestMutex& m) { m.tryAcquireNanos(1, LONG_WAIT); }, false}};
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 50; ++round) {
         for (const Case& c : cases) {
             TestMutex m;
             if (c.interrupt) {  // refused even when free, before any tryAcquire
