@@ -1,8 +1,10 @@
 // A tour of the library as a caller uses it: thread identity, thread-local values cleaned at a
-// thread's end, clocks and time units, a reentrant lock with a condition, a monitor entered
-// through Guard, interruption, and the library's exceptions.
+// thread's end, clocks and time units, a reentrant lock with a condition, threads made by a
+// factory, started, joined and asked for their state, a monitor entered through Guard,
+// interruption, and the library's exceptions.
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -98,27 +100,64 @@ void lockAndCondition() {
     worker.join();
 }
 
+const char* stateName(mw::Thread::State state) {
+    switch (state) {
+        case mw::Thread::NEW: return "NEW";
+        case mw::Thread::RUNNING: return "RUNNING";
+        case mw::Thread::PARKED: return "PARKED";
+        case mw::Thread::TIMED_PARKED: return "TIMED_PARKED";
+        case mw::Thread::TERMINATED: return "TERMINATED";
+    }
+    return "?";
+}
+
+// A task that runs a function: what a caller hands to a thread factory.
+class Task : public mw::Runnable {
+public:
+    explicit Task(std::function<void()> body) : m_body(std::move(body)) {}
+    virtual void run() { m_body(); }
+
+private:
+    std::function<void()> m_body;
+};
+
 void monitor() {
-    std::puts("Monitor: producer and consumer on a bounded queue of 4");
+    std::puts("Threads from a factory: two producers and a consumer on a bounded queue of 4");
     BoundedQueue queue(4);
-    const int count = 1000;
+    const int perProducer = 500;
     long long sum = 0;
-    std::thread producer([&] {
-        for (int i = 1; i <= count; ++i) queue.put(i);
+    Task produce([&] {
+        for (int i = 1; i <= perProducer; ++i) queue.put(i);
     });
-    for (int i = 0; i < count; ++i) sum += queue.take();
-    producer.join();
-    std::printf("  consumed %d items, sum %lld (expected %lld)\n", count, sum,
-                static_cast<long long>(count) * (count + 1) / 2);
+    Task consume([&] {
+        for (int i = 0; i < 2 * perProducer; ++i) sum += queue.take();
+    });
+    mw::DefaultThreadFactory factory;
+    std::unique_ptr<mw::Thread> workers[] = {std::unique_ptr<mw::Thread>(factory.createThread(&consume)),
+                                             std::unique_ptr<mw::Thread>(factory.createThread(&produce)),
+                                             std::unique_ptr<mw::Thread>(factory.createThread(&produce))};
+    for (auto& worker : workers) {
+        std::printf("  %s before start: %s (no OS thread yet)\n", worker->getName(),
+                    stateName(worker->getState()));
+    }
+    for (auto& worker : workers) {
+        worker->start();
+        std::printf("  %s started (id %lu): %s\n", worker->getName(), worker->getId(),
+                    stateName(worker->getState()));
+    }
+    for (auto& worker : workers) worker->join(0);
+    for (auto& worker : workers) {
+        std::printf("  %s after join: %s, alive: %s\n", worker->getName(),
+                    stateName(worker->getState()), worker->isAlive() ? "yes" : "no");
+    }
+    std::printf("  consumed %d items, sum %lld (expected %lld)\n", 2 * perProducer, sum,
+                2LL * perProducer * (perProducer + 1) / 2);
 }
 
 void interruption() {
     std::puts("Interruption");
     mw::Object object;
-    const mw::Thread* waiter = nullptr;
-    std::atomic<const mw::Thread*> published(nullptr);
-    std::thread worker([&] {
-        published.store(mw::Thread::currentThread());
+    Task waitForever([&] {
         mw::Guard guard(object);
         try {
             object.wait(0, 0);
@@ -126,11 +165,13 @@ void interruption() {
             std::puts("  waiting thread was interrupted and holds the monitor again");
         }
     });
-    while ((waiter = published.load()) == nullptr || waiter->getState() != mw::Thread::PARKED) {
-        std::this_thread::yield();
-    }
-    waiter->interrupt();
-    worker.join();
+    mw::Thread waiter(&waitForever, "waiter");
+    waiter.start();
+    while (waiter.getState() != mw::Thread::PARKED) mw::Thread::yield();
+    std::printf("  %s is %s in Object::wait\n", waiter.getName(), stateName(waiter.getState()));
+    waiter.interrupt();
+    waiter.join(0);
+    std::printf("  %s is %s\n", waiter.getName(), stateName(waiter.getState()));
 }
 
 void failures() {

@@ -1,6 +1,7 @@
 #include "concurrent/AbstractQueuedSynchronizer.h"
 
 #include "Park.h"
+#include "TimeArithmetic.h"
 #include "ThreadInfoSlot.h"
 #include "platform.h"
 #include "concurrent/IllegalArgumentException.h"
@@ -28,9 +29,6 @@
 namespace mw {
 
 typedef AbstractQueuedSynchronizer::Node Node;
-
-AutoPtr<Node> Node::SHARED(new Node());
-AutoPtr<Node> Node::EXCLUSIVE;
 
 namespace {
 
@@ -166,17 +164,14 @@ void AbstractQueuedSynchronizer::setHead(Node* node) {
 // the head found by the walk from m_tail.
 void AbstractQueuedSynchronizer::unparkSuccessor(Node* node) {
     node->status.compareAndSet(Node::SIGNAL, 0);
-    detail::WakerScope waking;
     Node* s = node->next.get();
-    if (s != nullptr && s->status.get() <= 0) {
-        unparkThread(detail::WakerScope::read(s->thread));
-        return;
+    if (s == nullptr || s->status.get() > 0) {
+        s = nullptr;
+        for (Node* t = m_tail.get(); t != nullptr && t != node; t = relaxedPrev(t)) {  // [Q5]
+            if (t->status.get() <= 0) s = t;
+        }
     }
-    const Thread* candidate = nullptr;
-    for (Node* t = m_tail.get(); t != nullptr && t != node; t = relaxedPrev(t)) {  // [Q5]
-        if (t->status.get() <= 0) candidate = detail::WakerScope::read(t->thread);
-    }
-    unparkThread(candidate);
+    if (s != nullptr) detail::unparkNodeThread(s->thread);
 }
 
 // A false result makes the caller try to acquire once more before it parks.
@@ -329,7 +324,7 @@ bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout)
             parkCurrentNanos(nanosTimeout);
             if (detail::currentThreadFast()->isInterrupted(true)) break;
             long long now = TimeUtil::nanoTime();
-            nanosTimeout += lastTime - now;
+            nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
             lastTime = now;
         }
     }
@@ -432,10 +427,7 @@ bool AbstractQueuedSynchronizer::transferForSignal(Node* node) {
     if (!node->status.compareAndSet(Node::CONDITION, 0)) return false;
     Node* p = enq(node);
     int s = p->status.get();
-    if (s > 0 || !p->status.compareAndSet(s, Node::SIGNAL)) {
-        detail::WakerScope waking;
-        unparkThread(detail::WakerScope::read(node->thread));
-    }
+    if (s > 0 || !p->status.compareAndSet(s, Node::SIGNAL)) detail::unparkNodeThread(node->thread);
     return true;
 }
 
@@ -455,14 +447,20 @@ bool AbstractQueuedSynchronizer::owns(const ConditionObject* condition) const {
     return condition->isOwnedBy(this);
 }
 
+// The checks come in this order: null, the owner, the hold. Each refusal is thrown here, so that
+// its report names this operation; the condition's own test of the hold then always passes.
 bool AbstractQueuedSynchronizer::hasWaiters(const ConditionObject* condition) const {
-    if (!owns(condition)) MW_THROW(IllegalArgumentException, "Not owner");
+    if (condition == nullptr) MW_THROW(NullPointerException, "");
+    if (!condition->isOwnedBy(this)) MW_THROW(IllegalArgumentException, "Not owner");
+    if (!isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     return condition->hasWaiters();
 }
 
 unsigned long long AbstractQueuedSynchronizer::getWaitQueueLength(
     const ConditionObject* condition) const {
-    if (!owns(condition)) MW_THROW(IllegalArgumentException, "Not owner");
+    if (condition == nullptr) MW_THROW(NullPointerException, "");
+    if (!condition->isOwnedBy(this)) MW_THROW(IllegalArgumentException, "Not owner");
+    if (!isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     return condition->getWaitQueueLength();
 }
 

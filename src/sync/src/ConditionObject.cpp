@@ -1,5 +1,6 @@
 #include "Park.h"
 #include "ThreadInfoSlot.h"
+#include "TimeArithmetic.h"
 #include "concurrent/AbstractQueuedSynchronizer.h"
 #include "concurrent/IllegalMonitorStateException.h"
 #include "concurrent/InterruptedException.h"
@@ -12,6 +13,10 @@
 // the hold is given up, in the sweep after it is back, and in the signal operations behind the
 // ownership test. Between giving up the hold and getting it back a waiter touches only its own
 // node and the sync queue.
+//
+// A refusal is thrown by the operation that the caller called, not by a helper, so that its
+// report names that operation. Time arithmetic saturates: a timeout near the most negative value
+// stays run out instead of wrapping into a long wait or a large remainder.
 
 namespace mw {
 
@@ -48,10 +53,6 @@ ConditionObject::~ConditionObject() {}
 
 bool ConditionObject::isOwnedBy(const AbstractQueuedSynchronizer* synchronizer) const {
     return synchronizer == m_synchronizer;
-}
-
-void ConditionObject::checkHeld() const {
-    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
 }
 
 // ---- the list -----------------------------------------------------------------------------------
@@ -101,13 +102,13 @@ void ConditionObject::unlinkCancelledWaiters() const {
 // ---- signalling ---------------------------------------------------------------------------------
 
 void ConditionObject::signal() const {
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* first = m_waiterHead;
     if (first != nullptr) doSignal(first);
 }
 
 void ConditionObject::broadcast() const {
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* first = m_waiterHead;
     if (first != nullptr) doSignalAll(first);
 }
@@ -160,7 +161,7 @@ void ConditionObject::finishWait(Node* node, int savedState, int interruptMode) 
 // synchronizer cannot disturb the list under the real holder.
 void ConditionObject::await() const {
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     int interruptMode = 0;
@@ -173,7 +174,7 @@ void ConditionObject::await() const {
 }
 
 void ConditionObject::awaitUninterruptibly() const {
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     bool interrupted = false;
@@ -191,7 +192,7 @@ void ConditionObject::awaitUninterruptibly() const {
 bool ConditionObject::await(long long time, const TimeUnit& unit) const {
     long long nanosTimeout = unit.toNanos(time);
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
@@ -206,7 +207,7 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
         interruptMode = checkInterruptWhileWaiting(node);
         if (interruptMode != 0) break;
         long long now = TimeUtil::nanoTime();
-        nanosTimeout += lastTime - now;
+        nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
         lastTime = now;
     }
     finishWait(node, savedState, interruptMode);
@@ -216,7 +217,7 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
 // The result counts the time spent re-acquiring too.
 long long ConditionObject::awaitNanos(long long nanosTimeout) const {
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
@@ -230,17 +231,18 @@ long long ConditionObject::awaitNanos(long long nanosTimeout) const {
         interruptMode = checkInterruptWhileWaiting(node);
         if (interruptMode != 0) break;
         long long now = TimeUtil::nanoTime();
-        nanosTimeout += lastTime - now;
+        nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
         lastTime = now;
     }
     finishWait(node, savedState, interruptMode);
-    return nanosTimeout - (TimeUtil::nanoTime() - lastTime);
+    return detail::saturatingSub(nanosTimeout,
+                                 detail::saturatingSub(TimeUtil::nanoTime(), lastTime));
 }
 
 // Only a clock strictly later than the deadline times out.
 bool ConditionObject::awaitUntil(long long deadline) const {
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     bool timedOut = false;
@@ -261,7 +263,7 @@ bool ConditionObject::awaitUntil(long long deadline) const {
 // ---- inspection ---------------------------------------------------------------------------------
 
 bool ConditionObject::hasWaiters() const {
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     for (Node* w = m_waiterHead; w != nullptr; w = link(w)) {
         if (w->status.get() == Node::CONDITION) return true;
     }
@@ -269,7 +271,7 @@ bool ConditionObject::hasWaiters() const {
 }
 
 unsigned long long ConditionObject::getWaitQueueLength() const {
-    checkHeld();
+    if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     unsigned long long n = 0;
     for (Node* w = m_waiterHead; w != nullptr; w = link(w)) {
         if (w->status.get() == Node::CONDITION) ++n;

@@ -29,7 +29,7 @@ bool FairLockPolicy::tryAcquire(int acquires) {
         setOwner(current);
         return true;
     }
-    if (current == owner()) {
+    if (isOwner(current)) {
         setState(c + acquires);
         return true;
     }

@@ -2,14 +2,15 @@
 // thread. A park may return for no reason; callers loop on their own condition.
 //
 // Waking reads a Thread pointer out of a queue node, and that thread may end and its object be
-// freed at any moment after it has acquired. So every read of a node's thread for waking happens
-// inside a WakerScope, and ~Thread first waits until no waker that could have read its address is
-// inside one (awaitWakersQuiescent). A thread clears its nodes' thread fields before it can end.
+// freed at any moment after it has acquired. So every read of a node's thread for waking is
+// protected by a hazard slot (Reclamation.h), and ~Thread waits until no slot holds its address.
+// A thread clears its nodes' thread fields before it can end.
 #ifndef MW_SYNC_PARK_H
 #define MW_SYNC_PARK_H
 
 #include <atomic>
 
+#include "Reclamation.h"
 #include "concurrent/Thread.h"
 
 namespace mw {
@@ -25,25 +26,15 @@ void unparkThread(const Thread* thread);
 
 namespace detail {
 
-class WakerScope {
-public:
-    WakerScope();
-    ~WakerScope();
+// Wakes the thread of a queue node, if it has one. The node's thread may end and its object be
+// freed at any moment after the thread has left the node, so the field is read under the calling
+// thread's WAKER hazard slot.
+void unparkNodeThread(const std::atomic<const Thread*>& nodeThread);
 
-    // Reads a node's thread field inside the scope; see [W1].
-    static const Thread* read(const std::atomic<const Thread*>& field) {
-        return field.load(std::memory_order_seq_cst);
-    }
+// The calling thread's hazard record.
+HazardRecord* currentHazards();
 
-    WakerScope(const WakerScope&) = delete;
-    WakerScope& operator=(const WakerScope&) = delete;
-
-private:
-    int m_side;
-};
-
-// Waits until no waker that may have read a since-cleared thread field is still inside its scope.
-void awaitWakersQuiescent();
+// From here on no destructor waits for readers: the process is ending.
 void markProcessEnding();
 
 // Makes sure the calling thread's next park cannot fail for lack of memory, so that a condition

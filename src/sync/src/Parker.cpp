@@ -11,6 +11,7 @@ Parker::~Parker() {
     m_thread = nullptr;
     delete m_parkEvent;
     m_parkEvent = nullptr;
+    m_hazards->release();
 }
 
 // Between the first test of the interrupt flag and the publication of the ParkEvent an interrupt

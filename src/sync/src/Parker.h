@@ -1,13 +1,15 @@
 // Parker: the one place where a thread blocks. Owned by its Thread; wraps one auto-reset OS event
 // whose being set is the thread's permit (one bit: permits do not accumulate). unpark() may be
 // called by any thread at any time and never blocks. park() is called only by the owner; it may
-// return early for no reason, so every caller re-tests its own condition.
+// return early for no reason, so every caller re-tests its own condition. The parker also holds
+// its thread's hazard record, so that the record is at hand wherever the thread object is.
 #ifndef MW_SYNC_PARKER_H
 #define MW_SYNC_PARKER_H
 
 #include <boost/noncopyable.hpp>
 
 #include "concurrent/ParkEvent.h"
+#include "Reclamation.h"
 #include "concurrent/Thread.h"
 #include "platform.h"
 
@@ -25,7 +27,8 @@ protected:
 
 class Parker : public ParkerBase, private boost::noncopyable {
 public:
-    Parker() : m_thread(nullptr), m_parkEvent(nullptr) {}
+    // Throws std::bad_alloc when no hazard record can be had.
+    Parker() : m_thread(nullptr), m_parkEvent(nullptr), m_hazards(HazardRecord::acquire(0)) {}
     virtual ~Parker();
 
     // time 0: no limit. Relative times are nanoseconds (under 1 ms waits 1 ms); absolute times
@@ -40,10 +43,14 @@ public:
 
     static Parker* of(const Thread* thread) { return thread->m_parker; }
 
+    // The hazard record of the thread that owns this parker: every pointer that thread protects.
+    HazardRecord* hazards() const { return m_hazards; }
+
     Thread* m_thread;
 
 private:
     ParkEvent* m_parkEvent;
+    HazardRecord* m_hazards;
 };
 
 }  // namespace detail

@@ -1,19 +1,20 @@
 #include "concurrent/TLockSync.h"
 
 #include "ThreadInfoSlot.h"
+#include "ThreadRegistry.h"
 #include "concurrent/IllegalMonitorStateException.h"
 
 namespace mw {
 namespace detail {
 
-TLockSync::TLockSync() : AbstractQueuedSynchronizer(), m_owner(nullptr) {}
+TLockSync::TLockSync() : AbstractQueuedSynchronizer(), m_owner(0) {}
 
 TLockSync::TLockSync(const TLockSync& other)
-    : AbstractQueuedSynchronizer(other), m_owner(other.owner()) {}
+    : AbstractQueuedSynchronizer(other), m_owner(other.m_owner.load(std::memory_order_relaxed)) {}
 
 TLockSync& TLockSync::operator=(const TLockSync& other) {
     AbstractQueuedSynchronizer::operator=(other);
-    setOwner(other.owner());
+    m_owner.store(other.m_owner.load(std::memory_order_relaxed), std::memory_order_relaxed);
     return *this;
 }
 
@@ -27,7 +28,7 @@ bool TLockSync::nonfairTryAcquire(int acquires) {
         setOwner(current);
         return true;
     }
-    if (current == owner()) {
+    if (isOwner(current)) {
         setState(c + acquires);
         return true;
     }
@@ -38,27 +39,32 @@ bool TLockSync::nonfairTryAcquire(int acquires) {
 // follows its compareAndSet on m_state, cannot be overwritten by this one.
 bool TLockSync::tryRelease(int releases) {
     int c = static_cast<int>(static_cast<unsigned>(getState()) - static_cast<unsigned>(releases));
-    if (currentThreadFast() != owner()) MW_THROW(IllegalMonitorStateException, "");
+    if (!isOwner(currentThreadFast())) MW_THROW(IllegalMonitorStateException, "");
     bool free = c == 0;
-    if (free) setOwner(nullptr);  // [L1]
+    if (free) clearOwner();  // [L1]
     setState(c);
     return free;
 }
 
 bool TLockSync::isHeldExclusively() const {
     if (getState() == 0) return false;
-    return owner() == currentThreadFast();
+    return isOwner(currentThreadFast());
 }
 
 AbstractQueuedSynchronizer::ConditionObject* TLockSync::newCondition() const {
     return new ConditionObject(this);
 }
 
-const Thread* TLockSync::getOwner() const { return getState() == 0 ? nullptr : owner(); }
+// The owner's object if it is still alive; null for a free lock and for one whose owner ended
+// while holding it.
+const Thread* TLockSync::getOwner() const {
+    if (getState() == 0) return nullptr;
+    unsigned long long serial = m_owner.load(std::memory_order_relaxed);
+    return serial == 0 ? nullptr : ThreadRegistry::find(serial);
+}
 
 unsigned long long TLockSync::getHoldCount() const {
-    const Thread* current = currentThreadFast();
-    if (owner() != current) return 0;
+    if (!isOwner(currentThreadFast())) return 0;
     return static_cast<unsigned long long>(static_cast<long long>(getState()));
 }
 

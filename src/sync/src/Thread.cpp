@@ -2,9 +2,14 @@
 
 #include "Park.h"
 #include "Parker.h"
+#include "Reclamation.h"
 #include "ThreadInfoSlot.h"
+#include "ThreadRegistry.h"
+#include "concurrent/Guard.h"
+#include "concurrent/InterruptedException.h"
 #include "concurrent/ParkEvent.h"
 #include "concurrent/ThreadStateException.h"
+#include "concurrent/UnsupportedOperationException.h"
 #include "platform.h"
 
 namespace mw {
@@ -18,7 +23,11 @@ Thread::Thread(Runnable* target, const std::string& name)
       m_interrupted(0),
       m_parker(nullptr),
       m_parkEvent(nullptr),
-      m_autoDelete(false) {
+      m_autoDelete(false),
+      m_serial(detail::ThreadRegistry::nextSerial()),
+      m_started(false),
+      m_startRecord(nullptr),
+      m_starter(nullptr) {
     initialise();
 }
 
@@ -31,7 +40,11 @@ Thread::Thread(bool autoDelete, const std::string& name)
       m_interrupted(0),
       m_parker(nullptr),
       m_parkEvent(nullptr),
-      m_autoDelete(autoDelete) {
+      m_autoDelete(autoDelete),
+      m_serial(detail::ThreadRegistry::nextSerial()),
+      m_started(false),
+      m_startRecord(nullptr),
+      m_starter(nullptr) {
     initialise();
 }
 
@@ -44,20 +57,31 @@ Thread::Thread(void* handle)
       m_interrupted(0),
       m_parker(nullptr),
       m_parkEvent(nullptr),
-      m_autoDelete(false) {
+      m_autoDelete(false),
+      m_serial(detail::ThreadRegistry::nextSerial()),
+      m_started(false),
+      m_startRecord(nullptr),
+      m_starter(nullptr) {
     initialise();
 }
 
+// The parker brings the hazard record of the thread that will run as this object (an adopted
+// object's thread is the caller); publishing the object in it registers the object.
 void Thread::initialise() {
     m_parker = new detail::Parker;
     m_parker->m_thread = this;
+    detail::HazardRecord* record = m_parker->hazards();
+    record->setOwnerThreadId(m_id.load(std::memory_order_relaxed));
+    record->publishObject(this, m_serial);
 }
 
-// Neither stops, joins nor inspects the OS thread. A waker may still hold this object's address,
-// read from a queue node before the thread cleared it, so wakers in flight are waited for first.
+// Neither stops, joins nor inspects the OS thread. Once the object has left the registry no new
+// pin can reach it; pins already taken and wakers that read its address from a queue node (which
+// its thread cleared before it could end) are waited for.
 Thread::~Thread() {
-    detail::awaitWakersQuiescent();
-    platform::closeThreadHandle(m_handle);
+    m_parker->hazards()->withdrawObject();
+    detail::HazardRecord::awaitUnprotected(this);
+    platform::closeThreadHandle(m_handle.load(std::memory_order_relaxed));
     delete m_parker;
     m_parker = nullptr;
 }
@@ -91,7 +115,7 @@ const Thread* Thread::adoptCurrentThread() {
     return thread;
 }
 
-unsigned long Thread::getId() const { return m_id; }
+unsigned long Thread::getId() const { return m_id.load(std::memory_order_relaxed); }
 
 const char* Thread::getName() const { return m_name.c_str(); }
 
@@ -101,9 +125,144 @@ void Thread::run() {
     if (m_target != nullptr) m_target->run();
 }
 
+// ---- lifecycle ----------------------------------------------------------------------------------
+
+// The monitor is held from the test of the state to the wait, so the new thread cannot notify
+// before the caller waits, and a second start sees m_started. The new thread's record is made
+// here, on the caller's thread, so that its allocation failing is the caller's std::bad_alloc.
+// The object is pinned until the monitor has been left: after its notify the new thread may run
+// to its end and, with autoDelete, free the object while this thread still gets the monitor back.
+void Thread::start() {
+    detail::ThreadPin pin(this);
+    Guard guard(this);
+    if (m_started || m_threadState.get() != NEW) {
+        MW_THROW(ThreadStateException, "Thread already started");
+    }
+    m_startRecord = new detail::ThreadInfo(this, false);
+    m_starter.store(detail::currentThreadFast());
+    std::uint32_t id = 0;
+    platform::Handle handle = platform::createThread(&Thread::startThread, this, &id);
+    if (handle == nullptr) {
+        m_starter.store(nullptr);
+        delete m_startRecord;
+        m_startRecord = nullptr;
+        MW_THROW(ThreadStateException, "Couldn't start thread");
+    }
+    m_id.store(id, std::memory_order_relaxed);
+    // [S2] Publishes the handle's record, built by createThread, to the other threads that read
+    // the handle (join, getState, priority); pairs with their acquire loads.
+    m_handle.store(handle, std::memory_order_release);
+    m_started = true;
+    if (!handshake()) {
+        recoverFromFailedStart();
+        MW_THROW(ThreadStateException, "Couldn't start thread");
+    }
+}
+
+// [S1] The new thread takes m_starter by exchange when it fails before run(), and this side takes
+// it by exchange when the wait is over: whoever gets it first decides. If this side gets it, a
+// later failure of the new thread tells nobody; if the new thread got it, it is waking this
+// thread with an interrupt, and this side must wait for that thread's end before it returns.
+bool Thread::handshake() {
+    try {
+        wait(0, 0);
+    } catch (const InterruptedException&) {
+        if (m_starter.exchange(nullptr) != nullptr) throw;  // [S1]
+        return false;
+    }
+    return m_starter.exchange(nullptr) != nullptr;  // [S1]
+}
+
+// The failed thread touches nothing of this object once it has taken m_starter, so after its end
+// the object is as before the start, and may be started again. The interrupt by which it woke
+// this thread, whether or not the wait consumed it, is taken back.
+void Thread::recoverFromFailedStart() {
+    platform::Handle handle = m_handle.exchange(nullptr);
+    platform::waitThread(handle, platform::INFINITE_WAIT);
+    platform::closeThreadHandle(handle);
+    m_id.store(0, std::memory_order_relaxed);
+    m_startRecord = nullptr;
+    m_started = false;
+    interrupted();
+}
+
+// Runs on the new thread when it cannot get as far as run(): it allocates nothing and, after the
+// exchange [S1], touches neither this object nor anything that depends on its own identity. The
+// caller of start is blocked in it until this thread ends, so its object is alive meanwhile.
+void Thread::reportStartFailure() {
+    const Thread* starter = m_starter.exchange(nullptr);  // [S1]
+    if (starter == nullptr) return;
+    starter->m_interrupted.set(1);  // [P2] pairs with [P1] in Parker::park
+    detail::ParkEvent* event = starter->m_parkEvent.getOrdered();
+    if (event != nullptr) event->unpark();
+}
+
+unsigned long Thread::startThread(void* argument) {
+    Thread* thread = static_cast<Thread*>(argument);
+    const bool autoDelete = thread->m_autoDelete;
+    thread->m_parker->hazards()->setOwnerThreadId(platform::currentThreadId());
+    detail::ThreadInfo* record = thread->m_startRecord;
+    try {
+        detail::s_threadInfo.reset(record);
+    } catch (...) {
+        delete record;
+        thread->reportStartFailure();
+        return 0;
+    }
+    try {
+        Guard guard(thread);
+        thread->m_threadState.set(RUNNING);
+        thread->notify();
+    } catch (...) {
+        try {
+            detail::s_threadInfo.reset(nullptr);
+        } catch (...) {
+        }
+        thread->reportStartFailure();
+        return 0;
+    }
+    try {
+        thread->run();
+    } catch (...) {
+        // Whatever leaves run() ends the thread in good order, without a trace.
+    }
+    try {
+        detail::s_threadInfo.reset(nullptr);
+    } catch (...) {
+    }
+    if (autoDelete) delete thread;
+    return 0;
+}
+
+// Never waits on the object itself: it pins the object only to copy the handle, so that an object
+// that its own thread frees at its end (autoDelete) can go while this waits. A thread never waits
+// for itself: through its own object, or through an adopted one, whose handle means the caller.
+void Thread::join(long long milliseconds) const {
+    if (this == detail::currentThreadFast()) return;
+    platform::Handle handle = nullptr;
+    {
+        detail::ThreadPin pin(this);
+        if (!pin.held()) return;
+        platform::Handle own = m_handle.load(std::memory_order_acquire);  // [S2]
+        if (own == platform::currentThreadHandle()) return;
+        std::uint32_t code = 0;
+        if (!platform::getExitCodeThread(own, &code) || code != platform::STILL_ACTIVE_CODE) return;
+        if (m_threadState.get() == NEW) return;
+        handle = platform::duplicateThreadHandle(own);
+        if (handle == nullptr) return;
+    }
+    std::uint32_t limit = milliseconds == 0 ? platform::INFINITE_WAIT
+                                            : static_cast<std::uint32_t>(milliseconds);
+    platform::waitThread(handle, limit);
+    platform::closeThreadHandle(handle);
+}
+
 Thread::State Thread::getState() const {
+    detail::ThreadPin pin(this);
+    if (!pin.held()) return TERMINATED;
     std::uint32_t code = 0;
-    if (!platform::getExitCodeThread(m_handle, &code) || code != platform::STILL_ACTIVE_CODE) {
+    if (!platform::getExitCodeThread(m_handle.load(std::memory_order_acquire), &code) ||
+        code != platform::STILL_ACTIVE_CODE) {
         return TERMINATED;
     }
     return m_threadState.get();
@@ -114,11 +273,43 @@ bool Thread::isAlive() const {
     return state != NEW && state != TERMINATED;
 }
 
+// Once the OS thread is gone, the hazard slots that it may have held are cleared, so that no
+// later destructor waits for it.
+void Thread::terminate() {
+    if (!platform::threadsCanBeTerminated()) {
+        MW_THROW(UnsupportedOperationException,
+                 "Threads cannot be terminated on this platform: a thread can only be asked to "
+                 "end, by interrupt()");
+    }
+    platform::Handle handle = m_handle.load(std::memory_order_acquire);
+    if (platform::terminateThread(handle)) {
+        detail::HazardRecord::clearSlotsOfThread(m_id.load(std::memory_order_relaxed));
+    }
+    platform::closeThreadHandle(handle);
+    m_handle.store(nullptr, std::memory_order_relaxed);
+}
+
+void Thread::setPriority(int priority) {
+    detail::ThreadPin pin(this);
+    if (!pin.held() ||
+        !platform::setThreadPriority(m_handle.load(std::memory_order_acquire), priority)) {
+        MW_THROW(ThreadStateException, "could not set priority");
+    }
+}
+
+int Thread::getPriority() const {
+    detail::ThreadPin pin(this);
+    if (!pin.held()) return platform::PRIORITY_ERROR;
+    return platform::getThreadPriority(m_handle.load(std::memory_order_acquire));
+}
+
+// ---- parking and interruption -------------------------------------------------------------------
+
 // The pointer is published before the state, so a reader that sees a parked state finds the
 // event to wake.
 void Thread::setEvent(detail::ParkEvent* event) const {
     const Thread* current = detail::currentThreadFast();
-    if (current->m_id != m_id) {
+    if (current->m_id.load(std::memory_order_relaxed) != m_id.load(std::memory_order_relaxed)) {
         MW_THROW(ThreadStateException, "This operation is only allowed for the thread istself!");
     }
     m_parkEvent.set(event);
@@ -127,8 +318,11 @@ void Thread::setEvent(detail::ParkEvent* event) const {
 
 // Reads the ParkEvent twice and wakes only through a pointer on which both reads agree; a stray
 // wake-up does no harm either way.
+// The object is pinned before the flag is set: the interrupt may end the thread's wait at once,
+// and the thread end and free its object, while this still reads the ParkEvent and sets it.
 void Thread::interrupt() const {
-    if (m_threadState.get() == NEW) return;
+    detail::ThreadPin pin(this);
+    if (!pin.held() || m_threadState.get() == NEW) return;
     m_interrupted.set(1);  // [P2] pairs with [P1] in Parker::park
     detail::ParkEvent* event = m_parkEvent.getOrdered();
     if (event == nullptr) return;
@@ -136,7 +330,10 @@ void Thread::interrupt() const {
     event->unpark();
 }
 
-bool Thread::isInterrupted() const { return isInterrupted(false); }
+bool Thread::isInterrupted() const {
+    detail::ThreadPin pin(this);
+    return pin.held() && isInterrupted(false);
+}
 
 bool Thread::interrupted() { return detail::currentThreadFast()->isInterrupted(true); }
 

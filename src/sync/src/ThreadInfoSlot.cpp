@@ -11,10 +11,21 @@ void onThreadAttach() { Thread::currentThread(); }
 
 // A thread on its way out loses its record, and with it its thread-local values and, when the
 // record owns it, its Thread. A thread without a record (one older than the load) is fine. A
-// cleaner may adopt the thread again (Thread::currentThread, or a set of a thread-local pointer);
-// where the OS delivers a single detach notification, that record is freed here too.
+// cleaner may adopt the thread again (Thread::currentThread, or a set of a thread-local pointer),
+// and that record is freed here too, up to CLEANING_PASSES records: cleaners that keep setting
+// each other's values would otherwise hold the thread (on Windows, inside the loader's
+// notification) for ever. A record still there after the last pass is withdrawn and freed with
+// its values dropped, not cleaned, so the thread leaves nothing behind.
 void onThreadDetach() {
-    while (readThreadInfoSlot() != nullptr) s_threadInfo.reset(nullptr);
+    for (int pass = 0; pass < ThreadInfo::CLEANING_PASSES; ++pass) {
+        if (readThreadInfoSlot() == nullptr) return;
+        s_threadInfo.reset(nullptr);
+    }
+    ThreadInfo* left = readThreadInfoSlot();
+    if (left == nullptr) return;
+    s_threadInfo.set(nullptr);
+    left->dropSlots();
+    delete left;
 }
 
 }  // namespace
@@ -41,8 +52,6 @@ ThreadInfo* readThreadInfoSlot() {
     platform::setLastError(lastError);
     return static_cast<ThreadInfo*>(value);
 }
-
-ThreadInfoPtr s_threadInfo;
 
 }  // namespace detail
 }  // namespace mw

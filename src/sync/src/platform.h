@@ -7,8 +7,9 @@
 //  - an event is auto-reset: a successful wait consumes the one permit; setting a set event changes
 //    nothing; waitEvent(h, 0) only polls; INFINITE_WAIT means no limit; a timed wait never ends
 //    before its time has passed.
-//  - a TLS slot starts as null on every thread; tlsGetValue may disturb the last-error code, which
-//    callers save and restore around it.
+//  - a TLS slot starts as null on every thread, also a slot freed and allocated again; tlsGetValue
+//    may disturb the last-error code, which callers save and restore around it. tlsSetValue of a
+//    non-null value may fail for lack of memory (Linux grows the thread's table on demand).
 #ifndef MW_SYNC_PLATFORM_H
 #define MW_SYNC_PLATFORM_H
 
@@ -41,16 +42,30 @@ void tlsFree(std::uint32_t slot);
 std::uint32_t getLastError();
 void setLastError(std::uint32_t code);
 
-// Threads. The entry's result becomes the exit code. createThread gives null on failure.
+// Threads. The entry's result becomes the exit code. createThread gives null on failure; on success
+// *id is the new thread's OS id (on Linux its kernel thread id). getExitCodeThread gives
+// STILL_ACTIVE_CODE until the thread's whole exit is over (its thread-local cleaning included),
+// then the entry's result; it fails for a null handle. waitThread returns WAIT_SIGNALED once that
+// exit is over, or WAIT_TIMEOUT_EXPIRED when the time has passed first (never earlier);
+// INFINITE_WAIT means no limit. The calling thread's pseudo-handle never ends for these two.
 typedef unsigned long (*ThreadEntry)(void* argument);
 Handle createThread(ThreadEntry entry, void* argument, std::uint32_t* id);
 bool getExitCodeThread(Handle thread, std::uint32_t* code);
 std::uint32_t waitThread(Handle thread, std::uint32_t milliseconds);
+// A second handle to the same thread, to be closed on its own; null on failure.
+Handle duplicateThreadHandle(Handle thread);
+// Whether terminateThread can kill a thread at all on this platform.
+bool threadsCanBeTerminated();
+// Kills the thread wherever it stands and returns once it is gone; false on failure.
 bool terminateThread(Handle thread);
+// The OS's own priority numbers. setThreadPriority fails for a value outside the OS's range, for
+// a thread that has ended and when the OS refuses. getThreadPriority gives PRIORITY_ERROR when it
+// cannot read the priority.
+const int PRIORITY_ERROR = 0x7FFFFFFF;
 bool setThreadPriority(Handle thread, int priority);
 int getThreadPriority(Handle thread);
-// Releases a handle from createThread or currentThreadHandle; null and the pseudo-handle are
-// harmless.
+// Releases a handle from createThread, duplicateThreadHandle or currentThreadHandle; null and the
+// pseudo-handle are harmless.
 void closeThreadHandle(Handle thread);
 std::uint32_t currentThreadId();
 // A constant that means "the calling thread" wherever a thread handle is taken. Never null.

@@ -188,7 +188,6 @@ private:
     friend class AbstractQueuedSynchronizer;
 
     bool isOwnedBy(const AbstractQueuedSynchronizer* synchronizer) const;
-    void checkHeld() const;
     Node* addConditionWaiter() const;
     void unlinkCancelledWaiters() const;
     void doSignal(Node* first) const;

@@ -7,6 +7,7 @@
 #include "AtomicPtr.h"
 #include "AutoPtr.h"
 #include "Condition.h"
+#include "DefaultThreadFactory.h"
 #include "Exception.h"
 #include "FairLockPolicy.h"
 #include "Guard.h"

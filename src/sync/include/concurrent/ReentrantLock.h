@@ -37,22 +37,28 @@ public:
     virtual unsigned long long getHoldCount() const { return m_sync.getHoldCount(); }
     virtual bool isHeldByCurrentThread() const { return m_sync.isHeldExclusively(); }
     virtual bool isLocked() const { return m_sync.isLocked(); }
+    // Refuse null, then a Condition of another implementation ("not owner"); the synchronizer
+    // then refuses a condition of another lock ("Not owner") and a caller without the hold. Each
+    // refusal is thrown here or there, so that its report names the operation called.
     virtual bool hasWaiters(const Condition* condition) const {
-        return m_sync.hasWaiters(conditionObject(condition));
+        if (condition == nullptr) MW_THROW(NullPointerException, "");
+        const AbstractQueuedSynchronizer::ConditionObject* object = conditionObject(condition);
+        if (object == nullptr) MW_THROW(IllegalArgumentException, "not owner");
+        return m_sync.hasWaiters(object);
     }
     virtual unsigned long long getWaitQueueLength(const Condition* condition) const {
-        return m_sync.getWaitQueueLength(conditionObject(condition));
+        if (condition == nullptr) MW_THROW(NullPointerException, "");
+        const AbstractQueuedSynchronizer::ConditionObject* object = conditionObject(condition);
+        if (object == nullptr) MW_THROW(IllegalArgumentException, "not owner");
+        return m_sync.getWaitQueueLength(object);
     }
     virtual const Thread* getOwner() const { return m_sync.getOwner(); }
 
 private:
+    // The library's own condition behind condition, or null for another implementation.
     static const AbstractQueuedSynchronizer::ConditionObject* conditionObject(
         const Condition* condition) {
-        if (condition == nullptr) MW_THROW(NullPointerException, "");
-        const AbstractQueuedSynchronizer::ConditionObject* object =
-            dynamic_cast<const AbstractQueuedSynchronizer::ConditionObject*>(condition);
-        if (object == nullptr) MW_THROW(IllegalArgumentException, "not owner");
-        return object;
+        return dynamic_cast<const AbstractQueuedSynchronizer::ConditionObject*>(condition);
     }
 
     Policy m_sync;

@@ -1,5 +1,8 @@
 // TLockSync: the synchronizer behind ReentrantLock. m_state is the hold count (0: free);
-// m_owner is the holding thread, null when free. m_state leaves 0 only by compareAndSet; every
+// m_owner is the serial number of the holding thread's object (Thread::getSerial), 0 when free.
+// A serial, not an address: a thread that ends holding the lock leaves its serial behind, and a
+// new object that the allocator puts at the dead one's address has another, so it neither owns
+// the lock nor passes for its owner. m_state leaves 0 only by compareAndSet; every
 // other change is made by the owner alone, by exchange. The most derived class, the policy,
 // decides how lock() and tryAcquire() treat queued threads.
 #ifndef MW_CONCURRENT_TLOCK_SYNC_H
@@ -9,6 +12,7 @@
 
 #include "AbstractQueuedSynchronizer.h"
 #include "Export.h"
+#include "Thread.h"
 
 namespace mw {
 namespace detail {
@@ -34,12 +38,17 @@ public:
 
 protected:
     // Records the winner of the compareAndSet that took the lock.
-    void setOwner(const Thread* owner) { m_owner.store(owner, std::memory_order_relaxed); }
-    const Thread* owner() const { return m_owner.load(std::memory_order_relaxed); }
+    void setOwner(const Thread* owner) {
+        m_owner.store(owner->getSerial(), std::memory_order_relaxed);
+    }
+    void clearOwner() { m_owner.store(0, std::memory_order_relaxed); }
+    bool isOwner(const Thread* thread) const {
+        return m_owner.load(std::memory_order_relaxed) == thread->getSerial();
+    }
 
 private:
     // A whole-word field read by other threads without a lock; m_state's exchanges order it.
-    std::atomic<const Thread*> m_owner;
+    std::atomic<unsigned long long> m_owner;
 };
 
 }  // namespace detail

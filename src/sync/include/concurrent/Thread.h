@@ -6,6 +6,13 @@
 // currentThread, getId, getName and the interrupt operations take no lock. m_threadState,
 // m_interrupted and m_parkEvent are written by atomic exchange and may be read from any thread.
 // The name has no lock: a setName concurrent with getName on one object is the caller's problem.
+//
+// How long a Thread* stays valid: an adopted object lives until its thread ends; a started object
+// until its owner deletes it (with autoDelete, until its thread ends). An operation that another
+// thread calls on a live object (interrupt, join, getState, isAlive, getPriority, setPriority)
+// is safe against that thread ending and its object being freed while the operation runs: the
+// object is pinned, and the destructor waits for pins to go. A call on an object already freed
+// is the caller's fault; one that finds the object in its destructor acts as on an ended thread.
 #ifndef MW_CONCURRENT_THREAD_H
 #define MW_CONCURRENT_THREAD_H
 
@@ -47,10 +54,38 @@ public:
 
     virtual void run();
 
-    // The state cell as the thread last published it: RUNNING, PARKED or TIMED_PARKED while the
-    // OS thread exists; TERMINATED when the OS reports no running thread for the handle.
+    // Starts the OS thread, which runs run(), and returns once that thread has stored RUNNING
+    // (it may have ended by the return). Throws ThreadStateException "Thread already started" on
+    // an object that was started or adopted (also after its end, and to the loser of two
+    // concurrent calls), "Couldn't start thread" when the OS or the new thread could not get as
+    // far as run() (the object may then be started again), std::bad_alloc, and
+    // InterruptedException when the caller is interrupted during the handshake (the new thread
+    // then goes on by itself).
+    void start();
+
+    // Waits for the thread's end: milliseconds 0 waits without limit, any other value for its low
+    // 32 bits of milliseconds at most (never less). Returns at once for an object without an OS
+    // thread and for an adopted object (which would wait for itself). Never throws; interrupts do
+    // not end it. The end includes the thread's whole exit, thread-local cleaning and all.
+    void join(long long milliseconds = 0) const;
+
+    // NEW between the creation of the OS thread and its first store; RUNNING, PARKED or
+    // TIMED_PARKED while it runs; TERMINATED when there is no OS thread (never started, start
+    // failed, killed) or it has ended.
     State getState() const;
     bool isAlive() const;
+
+    // Kills the thread wherever it stands (Windows): its locks stay held and its object and
+    // record are not freed; getState reports TERMINATED from then on. Linux cannot kill a thread
+    // where it stands: there this throws UnsupportedOperationException and changes nothing.
+    void terminate();
+
+    // The OS's own priority number, unmapped: a Win32 thread priority, on Linux the thread's nice
+    // value (-20 to 19). setPriority throws ThreadStateException "could not set priority" on an
+    // object without an OS thread, on an ended thread, for a value the OS does not take, and when
+    // the OS refuses. getPriority gives the OS's answer as it is (0x7FFFFFFF where it fails).
+    void setPriority(int priority);
+    int getPriority() const;
 
     // Publishes (or, with null, withdraws) the ParkEvent of the calling thread's park, and the
     // state it shows. Throws ThreadStateException when called for another thread's object.
@@ -59,6 +94,9 @@ public:
     // object that was never started. Any thread may call it.
     void interrupt() const;
     bool isInterrupted() const;
+    // A number that no other Thread object of the process has had or will have, unlike the
+    // object's address, which a later object may reuse.
+    unsigned long long getSerial() const { return m_serial; }
     // The calling thread's interrupt flag, which is cleared by the call.
     static bool interrupted();
 
@@ -80,6 +118,13 @@ private:
     // Adoption: an object for the calling thread, RUNNING, named "linux thread".
     explicit Thread(void* handle);
 
+    // The started thread's entry: installs the object's record, shakes hands with start, runs
+    // run() and cleans the record. Always returns 0.
+    static unsigned long startThread(void* argument);
+    bool handshake();
+    void reportStartFailure();
+    void recoverFromFailedStart();
+
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
@@ -94,6 +139,13 @@ private:
     detail::Parker* m_parker;
     mutable AtomicPtr<detail::ParkEvent> m_parkEvent;
     bool m_autoDelete;
+
+    const unsigned long long m_serial;
+    // The start handshake's own cells, written under the monitor by start, except that the new
+    // thread takes m_starter by exchange when it has to report a failure before run().
+    bool m_started;
+    detail::ThreadInfo* m_startRecord;
+    mutable std::atomic<const Thread*> m_starter;
 };
 
 }  // namespace mw

@@ -12,6 +12,10 @@
 #include "Export.h"
 
 namespace mw {
+
+class Object;
+class Thread;
+
 namespace detail {
 class TimeUnitConstant;
 }
@@ -37,6 +41,20 @@ public:
     bool operator==(const TimeUnit& other) const;
     bool operator!=(const TimeUnit& other) const;
 
+    // Waits in this unit. A timeout of 0 or less returns at once and touches nothing: timedWait
+    // then needs no monitor. Otherwise each goes through the library's accessors of the constants
+    // (so it can end in "Dead Reference Detected" during unload) and passes on what the wait
+    // throws.
+    //
+    // Object::wait on object for timeout: the whole milliseconds and the nanoseconds left over.
+    // Less than a millisecond does not block (Object::wait(0, ns) is a timed wait of nothing).
+    void timedWait(const Object& object, long long timeout) const;
+    // Thread::join for timeout, in whole milliseconds, but for 1 ms at least: a positive timeout
+    // shorter than that must not turn into join(0), which waits without limit.
+    void timedJoin(const Thread& thread, long long timeout) const;
+    // Thread::sleep for timeout in whole milliseconds; the rest below a millisecond is dropped.
+    void sleep(long long timeout) const;
+
 private:
     friend class detail::TimeUnitConstant;
 
@@ -45,6 +63,9 @@ private:
     TimeUnit& operator=(const TimeUnit&) = delete;
 
     static long long doConvert(int delta, long long duration);
+    // The nanoseconds by which duration in this unit exceeds millis, the same duration truncated
+    // to whole milliseconds: 0 for milliseconds and seconds.
+    long long excessNanos(long long duration, long long millis) const;
 
     static const char* NAMES[4];
     static const std::uint32_t MULTIPLIERS[4];

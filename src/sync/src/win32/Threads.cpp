@@ -12,6 +12,7 @@ namespace platform {
 static_assert(sizeof(Handle) == sizeof(HANDLE), "a thread handle travels as a Handle");
 static_assert(sizeof(DWORD) == sizeof(std::uint32_t), "thread ids and exit codes are 32 bits");
 static_assert(STILL_ACTIVE_CODE == STILL_ACTIVE, "a running thread's exit code is the OS's");
+static_assert(PRIORITY_ERROR == THREAD_PRIORITY_ERROR_RETURN, "a failed priority read is the OS's");
 // On x64 the WINAPI calling convention is the default one, so the entry is handed to the OS as it
 // is, with no adapter and no allocation.
 static_assert(std::is_same<ThreadEntry, LPTHREAD_START_ROUTINE>::value,
@@ -35,7 +36,25 @@ std::uint32_t waitThread(Handle thread, std::uint32_t milliseconds) {
     return WaitForSingleObject(thread, milliseconds);
 }
 
-bool terminateThread(Handle thread) { return TerminateThread(thread, 0) != FALSE; }
+Handle duplicateThreadHandle(Handle thread) {
+    if (thread == GetCurrentThread()) return thread;
+    HANDLE copy = nullptr;
+    if (!DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &copy, 0, FALSE,
+                         DUPLICATE_SAME_ACCESS)) {
+        return nullptr;
+    }
+    return copy;
+}
+
+bool threadsCanBeTerminated() { return true; }
+
+// TerminateThread only starts the kill; the wait makes sure that the thread runs no further
+// instruction once this returns.
+bool terminateThread(Handle thread) {
+    if (!TerminateThread(thread, 0)) return false;
+    if (thread != GetCurrentThread()) WaitForSingleObject(thread, INFINITE);
+    return true;
+}
 
 bool setThreadPriority(Handle thread, int priority) {
     return SetThreadPriority(thread, priority) != FALSE;

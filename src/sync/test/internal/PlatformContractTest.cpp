@@ -2,14 +2,41 @@
 // the same semantics. The clocks are held to theirs through TimeUtil, their only user.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <new>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "TestSupport.h"
 #include "concurrent/Concurrent.h"
 #include "platform.h"
+
+namespace {
+
+// Makes the calling thread's nothrow allocations fail, and counts them meanwhile.
+thread_local bool t_failNothrowNew = false;
+thread_local int t_failedNothrowNews = 0;
+
+}  // namespace
+
+// Behaves as the standard one unless the calling thread asks for failures.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    if (t_failNothrowNew) {
+        ++t_failedNothrowNews;
+        return nullptr;
+    }
+    try {
+        return ::operator new(size);
+    } catch (...) {
+        return nullptr;
+    }
+}
 
 namespace {
 
@@ -78,6 +105,103 @@ TEST(PlatformContract, TlsSlotStartsNullAndReadsKeepTheLastError) {
         platform::setLastError(4321);
         EXPECT_EQ(&value, pointer.get());
         EXPECT_EQ(4321u, platform::getLastError()) << "get of a value";
+        pointer.set(nullptr);
+    });
+}
+
+// A slot freed and allocated again reads null on every thread, also on a thread that stored a
+// value in it before and still runs.
+TEST(PlatformContract, ReallocatedTlsSlotReadsNullOnEveryThread) {
+    std::uint32_t slot = platform::tlsAlloc();
+    ASSERT_NE(platform::TLS_OUT_OF_SLOTS, slot);
+    int value = 1;
+    ASSERT_TRUE(platform::tlsSetValue(slot, &value));
+    std::atomic<int> step{0};
+    std::atomic<bool> otherReadsNull{false};
+    std::thread other([&] {
+        int own = 2;
+        platform::tlsSetValue(slot, &own);
+        step.store(1);
+        mwtest::eventually([&] { return step.load() == 2; });
+        otherReadsNull.store(platform::tlsGetValue(slot) == nullptr);
+    });
+    ASSERT_TRUE(mwtest::eventually([&] { return step.load() == 1; }));
+    platform::tlsFree(slot);
+    std::uint32_t again = platform::tlsAlloc();
+    EXPECT_EQ(slot, again) << "the lowest free slot is given first";
+    EXPECT_EQ(nullptr, platform::tlsGetValue(again));
+    step.store(2);
+    other.join();
+    EXPECT_TRUE(otherReadsNull.load());
+    platform::tlsFree(again);
+}
+
+// Slots run out at a fixed number, and then a thread-local pointer cannot be made; a freed slot is
+// the next one given, and the highest slot holds a value like the others.
+TEST(PlatformContract, TlsSlotsRunOutAndAFreedOneIsGivenAgain) {
+    const std::size_t LIMIT = 100000;
+    std::vector<std::uint32_t> slots;
+    for (std::uint32_t slot = 0; slots.size() < LIMIT; slots.push_back(slot)) {
+        slot = platform::tlsAlloc();
+        if (slot == platform::TLS_OUT_OF_SLOTS) break;
+    }
+    ASSERT_LT(slots.size(), LIMIT) << "slots never ran out";
+    EXPECT_GE(slots.size(), 1000u);
+    try {
+        mw::TlsPtr<int, NoCleaning> none;
+        ADD_FAILURE() << "a pointer was made without a slot";
+    } catch (const std::bad_alloc& e) {
+        EXPECT_STREQ("bad allocation", e.what());
+    }
+    std::uint32_t freed = slots[slots.size() / 2];
+    platform::tlsFree(freed);
+    EXPECT_EQ(freed, platform::tlsAlloc());
+    std::uint32_t highest = *std::max_element(slots.begin(), slots.end());
+    for (std::uint32_t slot : slots) {
+        if (slot != highest) platform::tlsFree(slot);
+    }
+    mwtest::onFreshThread([highest] {
+        int value = 3;
+        EXPECT_EQ(nullptr, platform::tlsGetValue(highest));
+        EXPECT_TRUE(platform::tlsSetValue(highest, &value));
+        EXPECT_EQ(&value, platform::tlsGetValue(highest));
+        platform::tlsSetValue(highest, nullptr);
+    });
+    platform::tlsFree(highest);
+}
+
+// A store that needs memory the backend cannot get fails with ENOMEM and changes nothing, and a
+// thread-local pointer reports it; a backend whose stores take no memory from the C++ allocator
+// stores. Only the store itself runs while allocations fail: adopting the thread would allocate.
+TEST(PlatformContract, TlsStoreWithoutMemoryFailsAndChangesNothing) {
+    mw::TlsPtr<int, NoCleaning> pointer;
+    std::uint32_t slot = static_cast<std::uint32_t>(pointer.getId());
+    mwtest::onFreshThread([&pointer, slot] {
+        int value = 4;
+        t_failNothrowNew = true;
+        bool stored = platform::tlsSetValue(slot, &value);
+        std::uint32_t error = platform::getLastError();
+        bool allocated = t_failedNothrowNews != 0;
+        std::string thrown;
+        if (allocated) {
+            try {
+                pointer.set(&value);
+            } catch (const std::runtime_error& e) {
+                thrown = e.what();
+            }
+        }
+        t_failNothrowNew = false;
+        if (allocated) {
+            EXPECT_FALSE(stored);
+            EXPECT_EQ(static_cast<std::uint32_t>(ENOMEM), error);
+            EXPECT_EQ("could not set thread specific data", thrown);
+            EXPECT_EQ(nullptr, pointer.get());
+        } else {
+            EXPECT_TRUE(stored);
+            EXPECT_EQ(&value, pointer.get());
+        }
+        EXPECT_TRUE(platform::tlsSetValue(slot, &value));
+        EXPECT_EQ(&value, pointer.get());
         pointer.set(nullptr);
     });
 }

@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
+#include <stdexcept>
 #include <vector>
 
 #include "TestSupport.h"
 #include "ThreadInfo.h"
+#include "ThreadInfoSlot.h"
 #include "concurrent/Concurrent.h"
 
 namespace {
@@ -51,6 +54,48 @@ TEST(ThreadInfo, RecordCleansEachSlotOnceThenDeletesOnlyAThreadItOwns) {
         EXPECT_TRUE(aliveWhileCleaned.load())
             << "the owned thread died before its slots were cleaned";
         EXPECT_TRUE(dead.load());
+    });
+}
+
+// The record of the thread that unloads the library is cleaned while it is still that thread's
+// record, so its cleaners list pointers in it and set listed ones again. New pointers are cleaned
+// in the same pass, a value set again in the next; a cleaner that keeps setting its own pointer is
+// cut off after the last pass, and its last value is left there. A cleaner that threw is not
+// called again. Listing pointers during the walk grows the list under it.
+TEST(ThreadInfo, RecordCleanedInPlaceCleansWhatItsCleanersSetInFurtherPasses) {
+    using mw::detail::s_threadInfo;
+    mw::TlsPtr<Hook, mwtest::RunWhenCleaned> lister, renewing, thrower;
+    std::array<mw::TlsPtr<Hook, mwtest::RunWhenCleaned>, 16> listed;
+    int listedCleaned = 0, renewals = 0, throws = 0;
+    Hook renew;
+    renew = [&] {
+        ++renewals;
+        renewing.set(new Hook(renew));
+    };
+    mwtest::onFreshThread([&] {
+        const mw::Thread* self = mw::Thread::currentThread();
+        mw::detail::ThreadInfo* record = mw::detail::readThreadInfoSlot();
+        bool sameThreadWhileCleaned = true;
+        lister.set(new Hook([&] {
+            for (auto& pointer : listed) pointer.set(new Hook([&] { ++listedCleaned; }));
+            sameThreadWhileCleaned = mw::Thread::currentThread() == self;
+        }));
+        thrower.set(new Hook([&] {
+            ++throws;
+            throw std::runtime_error("cleaner failed");
+        }));
+        renewing.set(new Hook(renew));
+        mw::detail::ThreadInfoDeallocator::deallocate(record);
+        s_threadInfo.set(nullptr);
+        EXPECT_TRUE(sameThreadWhileCleaned);
+        EXPECT_EQ(16, listedCleaned);
+        EXPECT_EQ(1, throws);
+        EXPECT_EQ(mw::detail::ThreadInfo::CLEANING_PASSES, renewals);
+        Hook* left = renewing.set(nullptr);
+        EXPECT_NE(nullptr, left) << "the value set after the last pass was cleaned";
+        delete left;
+        for (auto& pointer : listed) EXPECT_EQ(nullptr, pointer.get());
+        thrower.set(nullptr);
     });
 }
 

@@ -1,0 +1,34 @@
+// The library's static objects, defined in one translation unit so that they are built in this
+// order at load and destroyed in the reverse order at unload, on every platform. The destructor
+// of s_threadInfo cleans the record of the thread that unloads the library (on exit, the thread
+// that called exit, after its atexit routines and the static destructors built after the
+// library), so the mode markers of the wait queue, built before it, outlive that cleaning.
+#include "ThreadInfoSlot.h"
+#include "TimeUnitConstant.h"
+#include "concurrent/AbstractQueuedSynchronizer.h"
+#include "concurrent/DefaultThreadFactory.h"
+
+namespace mw {
+
+// 1, 2: the mode markers of the wait queue.
+AutoPtr<AbstractQueuedSynchronizer::Node> AbstractQueuedSynchronizer::Node::SHARED(
+    new AbstractQueuedSynchronizer::Node());
+AutoPtr<AbstractQueuedSynchronizer::Node> AbstractQueuedSynchronizer::Node::EXCLUSIVE;
+
+namespace detail {
+
+// 3 to 6: the creation locks of the four TimeUnit constants, in their holders. They outlive the
+// cleaning of the unloading thread's record, so a cleaner that asks for a constant gets the
+// orderly "Dead Reference Detected".
+TimeUnitConstant s_timeUnitConstants[4] = {TimeUnitConstant(0), TimeUnitConstant(1),
+                                           TimeUnitConstant(2), TimeUnitConstant(3)};
+
+// 7: every thread's record.
+ThreadInfoPtr s_threadInfo;
+
+}  // namespace detail
+
+// 8: the number of the next thread pool.
+Atomic<unsigned int> DefaultThreadFactory::s_poolNumber(1);
+
+}  // namespace mw
