@@ -1,6 +1,7 @@
 #include "concurrent/AbstractQueuedSynchronizer.h"
 
 #include "Park.h"
+#include "Parker.h"
 #include "TimeArithmetic.h"
 #include "ThreadInfoSlot.h"
 #include "platform.h"
@@ -94,8 +95,28 @@ Node* AbstractQueuedSynchronizer::newNode(const Thread* waiter, Node* mode) {
     return published(new Node(waiter, mode));
 }
 
-Node* AbstractQueuedSynchronizer::newConditionNode() {
-    return published(new Node(detail::currentThreadFast(), Node::CONDITION));
+Node* AbstractQueuedSynchronizer::newConditionNode() const {
+    Node* node = published(new Node(detail::currentThreadFast(), Node::CONDITION));
+    rememberWait(node);
+    return node;
+}
+
+// Two relaxed stores on the path that queues, read only by terminate after the thread has gone.
+void AbstractQueuedSynchronizer::rememberWait(Node* node) const {
+    detail::Parker* parker = detail::Parker::of(node->thread.load(std::memory_order_relaxed));
+    parker->m_waitingOn.store(const_cast<AbstractQueuedSynchronizer*>(this),
+                              std::memory_order_relaxed);
+    parker->m_waitingNode.store(node, std::memory_order_relaxed);
+}
+
+// The killed thread may have stopped anywhere: the node may name it no more (it had left the
+// node), be on a condition's list, or be linked in the queue, even as its head.
+void AbstractQueuedSynchronizer::abandonWaitOfKilledThread(Node* node, const Thread* killed) {
+    if (node->thread.load(std::memory_order_seq_cst) != killed) return;
+    node->thread.store(nullptr, std::memory_order_seq_cst);
+    if (node->status.compareAndSet(Node::CONDITION, Node::CANCELLED)) return;
+    if (node == m_head.get() || relaxedPrev(node) == nullptr) return;
+    cancelAcquire(node);
 }
 
 void AbstractQueuedSynchronizer::retireOldHead(Node*) {}
@@ -136,6 +157,7 @@ Node* AbstractQueuedSynchronizer::enq(Node* node) {
 
 Node* AbstractQueuedSynchronizer::addWaiter(Node* mode) {
     Node* node = newNode(detail::currentThreadFast(), mode);
+    rememberWait(node);
     Node* pred = m_tail.get();
     if (pred != nullptr) {
         storePrev(node, pred);  // [Q1]

@@ -68,7 +68,7 @@ Node* ConditionObject::addConditionWaiter() const {
         unlinkCancelledWaiters();
         t = m_waiterTail;
     }
-    Node* node = AbstractQueuedSynchronizer::newConditionNode();
+    Node* node = m_synchronizer->newConditionNode();
     if (t == nullptr) {
         m_waiterHead = node;
     } else {

@@ -8,6 +8,7 @@
 
 #include <boost/noncopyable.hpp>
 
+#include "concurrent/AbstractQueuedSynchronizer.h"
 #include "concurrent/ParkEvent.h"
 #include "Reclamation.h"
 #include "concurrent/Thread.h"
@@ -28,7 +29,12 @@ protected:
 class Parker : public ParkerBase, private boost::noncopyable {
 public:
     // Throws std::bad_alloc when no hazard record can be had.
-    Parker() : m_thread(nullptr), m_parkEvent(nullptr), m_hazards(HazardRecord::acquire(0)) {}
+    Parker()
+        : m_thread(nullptr),
+          m_waitingOn(nullptr),
+          m_waitingNode(nullptr),
+          m_parkEvent(nullptr),
+          m_hazards(HazardRecord::acquire(0)) {}
     virtual ~Parker();
 
     // time 0: no limit. Relative times are nanoseconds (under 1 ms waits 1 ms); absolute times
@@ -47,6 +53,9 @@ public:
     HazardRecord* hazards() const { return m_hazards; }
 
     Thread* m_thread;
+    // The synchronizer and node of the thread's latest queued wait; see rememberWait.
+    std::atomic<AbstractQueuedSynchronizer*> m_waitingOn;
+    std::atomic<AbstractQueuedSynchronizer::Node*> m_waitingNode;
 
 private:
     ParkEvent* m_parkEvent;

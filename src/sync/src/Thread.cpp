@@ -5,6 +5,7 @@
 #include "Reclamation.h"
 #include "ThreadInfoSlot.h"
 #include "ThreadRegistry.h"
+#include "concurrent/AbstractQueuedSynchronizer.h"
 #include "concurrent/Guard.h"
 #include "concurrent/InterruptedException.h"
 #include "concurrent/ParkEvent.h"
@@ -199,6 +200,9 @@ void Thread::reportStartFailure() {
 
 unsigned long Thread::startThread(void* argument) {
     Thread* thread = static_cast<Thread*>(argument);
+    // The same id that start stores once createThread returns; stored here too because this
+    // thread may park on the monitor before that, and setEvent compares its own id with it.
+    thread->m_id.store(platform::currentThreadId(), std::memory_order_relaxed);
     const bool autoDelete = thread->m_autoDelete;
     thread->m_parker->hazards()->setOwnerThreadId(platform::currentThreadId());
     detail::ThreadInfo* record = thread->m_startRecord;
@@ -259,7 +263,17 @@ void Thread::join(long long milliseconds) const {
 
 Thread::State Thread::getState() const {
     detail::ThreadPin pin(this);
-    if (!pin.held()) return TERMINATED;
+    return pin.held() ? pinnedState() : TERMINATED;
+}
+
+bool Thread::isAlive() const {
+    detail::ThreadPin pin(this);
+    if (!pin.held()) return false;
+    State state = pinnedState();
+    return state != NEW && state != TERMINATED;
+}
+
+Thread::State Thread::pinnedState() const {
     std::uint32_t code = 0;
     if (!platform::getExitCodeThread(m_handle.load(std::memory_order_acquire), &code) ||
         code != platform::STILL_ACTIVE_CODE) {
@@ -268,13 +282,9 @@ Thread::State Thread::getState() const {
     return m_threadState.get();
 }
 
-bool Thread::isAlive() const {
-    State state = getState();
-    return state != NEW && state != TERMINATED;
-}
-
 // Once the OS thread is gone, the hazard slots that it may have held are cleared, so that no
-// later destructor waits for it.
+// later destructor waits for it, and a queue node it waited with is given up, so that the node no
+// longer names an object that its owner may now free, nor holds up the threads queued behind it.
 void Thread::terminate() {
     if (!platform::threadsCanBeTerminated()) {
         MW_THROW(UnsupportedOperationException,
@@ -284,6 +294,11 @@ void Thread::terminate() {
     platform::Handle handle = m_handle.load(std::memory_order_acquire);
     if (platform::terminateThread(handle)) {
         detail::HazardRecord::clearSlotsOfThread(m_id.load(std::memory_order_relaxed));
+        AbstractQueuedSynchronizer* waitingOn = m_parker->m_waitingOn.load(std::memory_order_relaxed);
+        if (waitingOn != nullptr) {
+            waitingOn->abandonWaitOfKilledThread(
+                m_parker->m_waitingNode.load(std::memory_order_relaxed), this);
+        }
     }
     platform::closeThreadHandle(handle);
     m_handle.store(nullptr, std::memory_order_relaxed);

@@ -124,8 +124,17 @@ protected:
     const Thread* fullGetFirstQueuedThread() const;
 
 private:
+    friend class Thread;
+
     static Node* newNode(const Thread* waiter, Node* mode);
-    static Node* newConditionNode();
+    Node* newConditionNode() const;
+    // Notes on the calling thread's parker which node of which synchronizer it waits with, so that
+    // the node can be given up for the thread if the thread is killed.
+    void rememberWait(Node* node) const;
+    // Gives up the node of a thread that was killed while it waited with it: the node no longer
+    // names the thread (whose object may then be freed) and leaves the queue or the condition's
+    // list as a cancelled wait would. Called once the thread is gone.
+    void abandonWaitOfKilledThread(Node* node, const Thread* killed);
     // Where a node leaves the queue. Nodes are never freed (other threads may still hold their
     // addresses), so these only mark the two places a reclamation scheme would hook into.
     static void retireOldHead(Node* oldHead);

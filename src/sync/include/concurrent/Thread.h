@@ -124,6 +124,8 @@ private:
     bool handshake();
     void reportStartFailure();
     void recoverFromFailedStart();
+    // getState once the object is pinned.
+    State pinnedState() const;
 
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;

@@ -20,17 +20,7 @@ bool setEvent(Handle event) { return SetEvent(event) != FALSE; }
 bool resetEvent(Handle event) { return ResetEvent(event) != FALSE; }
 
 std::uint32_t waitEvent(Handle event, std::uint32_t milliseconds) {
-    if (milliseconds == 0 || milliseconds == INFINITE_WAIT) {
-        return WaitForSingleObject(event, milliseconds);
-    }
-    Timeout timeout(milliseconds);
-    std::uint32_t result = WaitForSingleObject(event, milliseconds);
-    while (result == WAIT_TIMEOUT) {
-        std::uint32_t rest = timeout.remaining();
-        if (rest == 0) break;
-        result = WaitForSingleObject(event, rest);
-    }
-    return result;
+    return waitNoEarlier(event, milliseconds);
 }
 
 void closeEvent(Handle event) {

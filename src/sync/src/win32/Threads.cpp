@@ -6,6 +6,8 @@
 
 #include <windows.h>
 
+#include "Timeout.h"
+
 namespace mw {
 namespace platform {
 
@@ -33,7 +35,7 @@ bool getExitCodeThread(Handle thread, std::uint32_t* code) {
 }
 
 std::uint32_t waitThread(Handle thread, std::uint32_t milliseconds) {
-    return WaitForSingleObject(thread, milliseconds);
+    return waitNoEarlier(thread, milliseconds);
 }
 
 Handle duplicateThreadHandle(Handle thread) {

@@ -39,6 +39,21 @@ private:
     std::int64_t m_start;
 };
 
+// WaitForSingleObject on any waitable handle, going on after an early time-out for what is left.
+inline std::uint32_t waitNoEarlier(HANDLE object, std::uint32_t milliseconds) {
+    if (milliseconds == 0 || milliseconds == 0xFFFFFFFFu) {
+        return WaitForSingleObject(object, milliseconds);
+    }
+    Timeout timeout(milliseconds);
+    std::uint32_t result = WaitForSingleObject(object, milliseconds);
+    while (result == WAIT_TIMEOUT) {
+        std::uint32_t rest = timeout.remaining();
+        if (rest == 0) break;
+        result = WaitForSingleObject(object, rest);
+    }
+    return result;
+}
+
 }  // namespace platform
 }  // namespace mw
 

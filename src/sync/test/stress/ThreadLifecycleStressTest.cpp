@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -95,7 +96,7 @@ struct Scene {
     std::atomic<int> live{0}, interruptOnly{0}, sent{0}, sentWhileParked{0}, caught{0};
     std::atomic<int> unexpected{0};
     std::atomic<int> selfDeletingMade{0}, selfDeletingFreed{0};
-    std::atomic<int> wrongOwner{0}, queueTooLong{0}, badState{0};
+    std::atomic<int> wrongOwner{0}, queueTooLong{0}, badState{0}, startFailures{0};
     // Threads that only an interrupt ends, posted by themselves, taken by the interrupter alone.
     std::atomic<const Thread*> mailbox[MAX_LIVE] = {};
     Watched watched[2 * MAX_LIVE];
@@ -327,7 +328,8 @@ Watched* watch(Scene& scene, const Thread* thread) {
 void unwatch(Scene& scene, Watched* watched) {
     if (watched == nullptr) return;
     watched->thread.store(nullptr);  // [W2] pairs with [W1]
-    awaitOrAbort(scene, [&] { return watched->users.load() == 0; }, "an inspection");
+    awaitOrAbort(
+        scene, [&] { return watched->users.load() == 0; }, "an inspection");
 }
 
 class Spawner {
@@ -340,18 +342,23 @@ public:
         if (onlyAnInterruptEnds(wait)) m_scene.interruptOnly.fetch_add(1);
         m_scene.live.fetch_add(1);
         switch (m_random() % CARRIERS) {
-            case SELF_DELETING:
+            case SELF_DELETING: {
                 m_scene.selfDeletingMade.fetch_add(1);
                 // The object may be gone as soon as start has returned.
-                (new SelfDeletingVictim(m_scene, wait, seed))->start();
+                Thread* thread = new SelfDeletingVictim(m_scene, wait, seed);
+                if (!started(*thread, wait)) delete thread;
                 break;
+            }
             case OWNED: {
                 OwnedVictim victim;
                 victim.task.reset(new VictimTask(m_scene, wait, seed));
                 victim.thread.reset(new Thread(victim.task.get(), "owned victim"));
                 victim.watched = watch(m_scene, victim.thread.get());
-                victim.thread->start();
-                m_owned.push_back(std::move(victim));
+                if (started(*victim.thread, wait)) {
+                    m_owned.push_back(std::move(victim));
+                } else {
+                    unwatch(m_scene, victim.watched);
+                }
                 break;
             }
             default: {
@@ -387,6 +394,19 @@ public:
     }
 
 private:
+    // A start that fails is counted, and its victim, which never ran, taken off the counts.
+    bool started(Thread& thread, int wait) {
+        try {
+            thread.start();
+            return true;
+        } catch (const mw::Exception&) {
+            m_scene.startFailures.fetch_add(1);
+            if (onlyAnInterruptEnds(wait)) m_scene.interruptOnly.fetch_sub(1);
+            m_scene.live.fetch_sub(1);
+            return false;
+        }
+    }
+
     Scene& m_scene;
     std::minstd_rand m_random;
     std::vector<OwnedVictim> m_owned;
@@ -409,11 +429,13 @@ TEST(ThreadLifecycleStress, ShortLivedThreadsEndingUnderInterruptsSignalsAndInsp
         mwtest::WorkerThread inspector([&] { inspect(scene); });
         Spawner spawner(scene, seed);
         for (; made < victims && std::chrono::steady_clock::now() < budget; ++made) {
-            awaitOrAbort(scene, [&] { return scene.live.load() < MAX_LIVE; }, "a victim");
+            awaitOrAbort(
+                scene, [&] { return scene.live.load() < MAX_LIVE; }, "a victim");
             spawner.spawn();
             spawner.reap(false);
         }
-        awaitOrAbort(scene, [&] { return scene.live.load() == 0; }, "the last victims");
+        awaitOrAbort(
+            scene, [&] { return scene.live.load() == 0; }, "the last victims");
         spawner.reap(true);
         awaitOrAbort(
             scene, [&] { return scene.selfDeletingFreed.load() == scene.selfDeletingMade.load(); },
@@ -425,6 +447,7 @@ TEST(ThreadLifecycleStress, ShortLivedThreadsEndingUnderInterruptsSignalsAndInsp
 
     EXPECT_GT(made, 0);
     EXPECT_GT(scene.sentWhileParked.load(), 0) << "no interrupt found its thread parked";
+    EXPECT_EQ(0, scene.startFailures.load());
     EXPECT_EQ(0, scene.unexpected.load());
     EXPECT_EQ(scene.interruptOnly.load(), scene.sent.load());
     EXPECT_EQ(scene.interruptOnly.load(), scene.caught.load());
@@ -452,6 +475,33 @@ TEST(ThreadLifecycleStress, ShortLivedThreadsEndingUnderInterruptsSignalsAndInsp
         mw::Guard cell(scene.cell);
     });
     EXPECT_TRUE(entrant.awaitFinished());
+}
+
+struct Count : mw::Runnable {
+    void run() override { runs.fetch_add(1); }
+    std::atomic<int> runs{0};
+};
+
+// With memory and threads to spare, start never fails. The new thread often queues on the
+// object's monitor, and parks there, while the starter is still filling in the object's identity
+// before it waits; whatever the new thread checks about itself then must already hold.
+TEST(ThreadLifecycleStress, StartNeverFailsWithoutACause) {
+    const int starts = 20000 * mwtest::stressScale();
+    const auto budget = std::chrono::steady_clock::now() + seconds(20) * mwtest::stressScale();
+    Count count;
+    int made = 0, failures = 0;
+    std::string firstFailure;
+    for (; made < starts && std::chrono::steady_clock::now() < budget; ++made) {
+        Thread thread(&count);
+        try {
+            thread.start();
+        } catch (const mw::Exception& e) {
+            if (failures++ == 0) firstFailure = e.what();
+        }
+        thread.join();
+    }
+    EXPECT_EQ(0, failures) << "of " << made << " starts; the first: " << firstFailure;
+    EXPECT_EQ(made - failures, count.runs.load());
 }
 
 }  // namespace

@@ -149,12 +149,12 @@ using mw::Thread;
 
 int g_failures = 0;
 
-#define CHECK(condition)                                                                   \
-    do {                                                                                   \
-        if (!(condition)) {                                                                \
-            std::printf("FAILED: %s (line %d, %s)\n", #condition, __LINE__, g_phase.load());      \
-            ++g_failures;                                                                  \
-        }                                                                                  \
+#define CHECK(condition)                                                                     \
+    do {                                                                                     \
+        if (!(condition)) {                                                                  \
+            std::printf("FAILED: %s (line %d, %s)\n", #condition, __LINE__, g_phase.load()); \
+            ++g_failures;                                                                    \
+        }                                                                                    \
     } while (false)
 
 std::atomic<const char*> g_phase("");
@@ -214,7 +214,8 @@ struct SelfDeleting : Thread {
 };
 
 bool endsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 // Waits for the kernel to have reaped every thread of earlier attempts, so that a new thread shows

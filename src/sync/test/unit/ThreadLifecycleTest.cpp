@@ -62,14 +62,17 @@ private:
 class Release {
 public:
     void open() { m_open.store(true); }
-    void await() const { mwtest::eventually([this] { return m_open.load(); }, seconds(60)); }
+    void await() const {
+        mwtest::eventually([this] { return m_open.load(); }, seconds(60));
+    }
 
 private:
     std::atomic<bool> m_open{false};
 };
 
 bool endsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 // The library throws inside itself; the test catches by type and checks the description.
@@ -202,7 +205,9 @@ TEST(ThreadLifecycle, ConcurrentStartsMakeOneThread) {
                 thread.start();
                 started.fetch_add(1);
             } catch (const mw::ThreadStateException& e) {
-                if (endsWith(e.what(), ", Description: Thread already started")) refused.fetch_add(1);
+                if (endsWith(e.what(), ", Description: Thread already started")) {
+                    refused.fetch_add(1);
+                }
             }
         };
         std::thread first(starter), second(starter);
@@ -418,27 +423,45 @@ TEST(ThreadLifecycle, TerminateKillsTheThreadWhereverItStands) {
     }
 }
 
-// Disabled while it fails: a thread killed while it waits in a lock's queue leaves its node there,
-// naming its object, and once the owner has deleted that object (which it may, the thread being
-// gone) the next release reads the object to wake the dead waiter. The storage is scribbled over
-// after the destruction, as a reuse of the memory would, so that the read shows as a crash.
-TEST(ThreadLifecycle, DISABLED_ObjectOfAThreadKilledWhileQueuedCanBeDeleted) {
-    Lock lock;
+// A thread killed while it waits gives its node up: the owner may delete the object (the thread
+// being gone) without a later release or signal reading it, and the waiters queued behind it are
+// not held up, also in a fair lock, which would otherwise wait for the dead first waiter for
+// ever. The storage is scribbled over after the destruction, as a reuse of the memory would, so
+// that a read of it shows as a crash.
+TEST(ThreadLifecycle, ObjectOfAThreadKilledWhileQueuedCanBeDeleted) {
+    mw::ReentrantLock<mw::FairLockPolicy> lock;
+    mw::Object monitor;
     lock.lock();
-    Body waits([&] {
+    Body locks([&] {
         lock.lock();
         lock.unlock();
     });
-    alignas(Thread) unsigned char storage[sizeof(Thread)];
-    Thread* killed = new (storage) Thread(&waits);
-    killed->start();
-    ASSERT_TRUE(mwtest::eventually([&] { return killed->getState() == Thread::PARKED; }));
-    killed->terminate();
-    killed->~Thread();
+    Body waits([&] {
+        mw::Guard guard(monitor);
+        monitor.wait(0, 0);
+    });
+    alignas(Thread) unsigned char storage[2][sizeof(Thread)];
+    Thread* killedInQueue = new (storage[0]) Thread(&locks);
+    Thread* killedInWait = new (storage[1]) Thread(&waits);
+    killedInQueue->start();
+    ASSERT_TRUE(mwtest::eventually([&] { return killedInQueue->getState() == Thread::PARKED; }));
+    Thread behind(&locks);
+    behind.start();
+    ASSERT_TRUE(mwtest::eventually([&] { return behind.getState() == Thread::PARKED; }));
+    killedInWait->start();
+    ASSERT_TRUE(mwtest::eventually([&] { return killedInWait->getState() == Thread::PARKED; }));
+    for (Thread* killed : {killedInQueue, killedInWait}) {
+        killed->terminate();
+        killed->~Thread();
+    }
     std::memset(storage, 0xCC, sizeof storage);
     lock.unlock();
+    behind.join();
+    EXPECT_EQ(Thread::TERMINATED, behind.getState()) << "the waiter behind the dead one got the lock";
     EXPECT_TRUE(lock.tryLock());
     lock.unlock();
+    mw::Guard guard(monitor);
+    monitor.notifyAll();
 }
 
 #else
@@ -591,11 +614,12 @@ std::atomic<int> FreedUnderCalls::s_callers{0};
 std::atomic<long> FreedUnderCalls::s_rounds{0};
 
 // The calls go on after the Thread destructor, which is the point; the sanitizer's dynamic-type
-// check would flag each such call before the library runs, so it is off here.
-__attribute__((no_sanitize("vptr"))) void callUntilFreed(Thread* thread, int interruptAfter) {
+// check would flag each such call before the library runs, so it is off here. Only the caller that
+// ends the thread calls isAlive, and only before its interrupt: isAlive reaches getState by a
+// member call before any pin, which is sound on an object in its destructor but not past it.
+__attribute__((no_sanitize("vptr"))) void callUntilFreed(Thread* thread, int interruptAt) {
     for (int n = 0; !FreedUnderCalls::s_freeing.load(); ++n) {
         thread->getState();
-        thread->isAlive();
         thread->isInterrupted();
         thread->getPriority();
         try {
@@ -603,7 +627,8 @@ __attribute__((no_sanitize("vptr"))) void callUntilFreed(Thread* thread, int int
         } catch (const mw::ThreadStateException&) {
         }
         thread->join(1);
-        if (n >= interruptAfter) thread->interrupt();
+        if (interruptAt >= 0 && n < interruptAt) thread->isAlive();
+        if (interruptAt >= 0 && n >= interruptAt) thread->interrupt();
         FreedUnderCalls::s_rounds.fetch_add(1);
     }
     FreedUnderCalls::s_callers.fetch_sub(1);
@@ -618,10 +643,10 @@ TEST(ThreadLifecycle, CallsOnAThreadThatIsFreeingItsObjectAreSafe) {
         FreedUnderCalls::s_callers.store(2);
         Thread* thread = new FreedUnderCalls(wall);
         thread->start();
-        std::thread first(callUntilFreed, thread, static_cast<int>(random() % 8)),
-            second(callUntilFreed, thread, static_cast<int>(random() % 8));
-        first.join();
-        second.join();
+        std::thread ender(callUntilFreed, thread, static_cast<int>(random() % 8)),
+            watcher(callUntilFreed, thread, -1);
+        ender.join();
+        watcher.join();
     }
     wall.unlock();
 }
