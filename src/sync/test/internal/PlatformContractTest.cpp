@@ -109,36 +109,10 @@ TEST(PlatformContract, TlsSlotStartsNullAndReadsKeepTheLastError) {
     });
 }
 
-// A slot freed and allocated again reads null on every thread, also on a thread that stored a
-// value in it before and still runs.
-TEST(PlatformContract, ReallocatedTlsSlotReadsNullOnEveryThread) {
-    std::uint32_t slot = platform::tlsAlloc();
-    ASSERT_NE(platform::TLS_OUT_OF_SLOTS, slot);
-    int value = 1;
-    ASSERT_TRUE(platform::tlsSetValue(slot, &value));
-    std::atomic<int> step{0};
-    std::atomic<bool> otherReadsNull{false};
-    std::thread other([&] {
-        int own = 2;
-        platform::tlsSetValue(slot, &own);
-        step.store(1);
-        mwtest::eventually([&] { return step.load() == 2; });
-        otherReadsNull.store(platform::tlsGetValue(slot) == nullptr);
-    });
-    ASSERT_TRUE(mwtest::eventually([&] { return step.load() == 1; }));
-    platform::tlsFree(slot);
-    std::uint32_t again = platform::tlsAlloc();
-    EXPECT_EQ(slot, again) << "the lowest free slot is given first";
-    EXPECT_EQ(nullptr, platform::tlsGetValue(again));
-    step.store(2);
-    other.join();
-    EXPECT_TRUE(otherReadsNull.load());
-    platform::tlsFree(again);
-}
-
-// Slots run out at a fixed number, and then a thread-local pointer cannot be made; a freed slot is
-// the next one given, and the highest slot holds a value like the others.
-TEST(PlatformContract, TlsSlotsRunOutAndAFreedOneIsGivenAgain) {
+// Slots run out at a fixed number, and then a thread-local pointer cannot be made. A freed slot is
+// the next one given, and reads null on every thread, also on one that stored a value in it before
+// and still runs; the highest slot holds a value like the others.
+TEST(PlatformContract, TlsSlotsRunOutAndAFreedOneIsGivenAgainEmpty) {
     const std::size_t LIMIT = 100000;
     std::vector<std::uint32_t> slots;
     for (std::uint32_t slot = 0; slots.size() < LIMIT; slots.push_back(slot)) {
@@ -153,21 +127,36 @@ TEST(PlatformContract, TlsSlotsRunOutAndAFreedOneIsGivenAgain) {
     } catch (const std::bad_alloc& e) {
         EXPECT_STREQ("bad allocation", e.what());
     }
-    std::uint32_t freed = slots[slots.size() / 2];
-    platform::tlsFree(freed);
-    EXPECT_EQ(freed, platform::tlsAlloc());
-    std::uint32_t highest = *std::max_element(slots.begin(), slots.end());
+    const std::uint32_t reused = *std::min_element(slots.begin(), slots.end());
+    const std::uint32_t highest = *std::max_element(slots.begin(), slots.end());
+    platform::tlsFree(reused);
+    EXPECT_EQ(reused, platform::tlsAlloc());
     for (std::uint32_t slot : slots) {
-        if (slot != highest) platform::tlsFree(slot);
+        if (slot != highest && slot != reused) platform::tlsFree(slot);
     }
-    mwtest::onFreshThread([highest] {
-        int value = 3;
+    int value = 1;
+    ASSERT_TRUE(platform::tlsSetValue(reused, &value));
+    std::atomic<int> step{0};
+    std::atomic<bool> otherReadsNull{false};
+    std::thread other([&] {
         EXPECT_EQ(nullptr, platform::tlsGetValue(highest));
         EXPECT_TRUE(platform::tlsSetValue(highest, &value));
         EXPECT_EQ(&value, platform::tlsGetValue(highest));
         platform::tlsSetValue(highest, nullptr);
+        platform::tlsSetValue(reused, &value);
+        step.store(1);
+        mwtest::eventually([&] { return step.load() == 2; });
+        otherReadsNull.store(platform::tlsGetValue(reused) == nullptr);
     });
+    EXPECT_TRUE(mwtest::eventually([&] { return step.load() == 1; }));
+    platform::tlsFree(reused);
+    EXPECT_EQ(reused, platform::tlsAlloc()) << "the lowest free slot is given first";
+    EXPECT_EQ(nullptr, platform::tlsGetValue(reused));
+    step.store(2);
+    other.join();
+    EXPECT_TRUE(otherReadsNull.load());
     platform::tlsFree(highest);
+    platform::tlsFree(reused);
 }
 
 // A store that needs memory the backend cannot get fails with ENOMEM and changes nothing, and a

@@ -1,6 +1,5 @@
-// The thread attach and detach routines as the platform delivers them: on Windows the loader
-// notifies every new thread before its entry function and every thread at its end; on Linux a
-// thread is adopted at its first use and its end is armed then.
+// The thread attach and detach routines: Windows' loader announces every thread's start and end;
+// on Linux a thread is adopted at its first use, which arms its end.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -35,12 +34,8 @@ TEST(ThreadHooks, NewThreadHasItsRecordBeforeItsFirstCall) {
     });
 }
 
-// Without a record (a thread older than the load on Windows, any thread on Linux) the first use
-// adopts the thread. At its end each value is cleaned on the thread with the record already
-// withdrawn from the slot and the cache. Cleaners that set each other's values again adopt the
-// thread afresh each time: the detach routine frees such records CLEANING_PASSES times, and then
-// drops what the last one holds. The cleaners may run from the loader's notification, so they name
-// threads by their OS id.
+// A thread without a record is adopted at first use. At its end values are cleaned with the record
+// withdrawn (by OS id: cleaners may run in the loader); re-adoption stops at CLEANING_PASSES.
 TEST(ThreadHooks, ThreadWithoutRecordIsAdoptedOnFirstUseAndCleanedAtItsEnd) {
     mw::TlsPtr<Hook, RunOnly> first, second;
     std::atomic<int> cleaned{0}, cleanedOutsideTheRules{0};

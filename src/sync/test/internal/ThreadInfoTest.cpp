@@ -22,9 +22,8 @@ public:
     std::atomic<bool>* m_dead;
 };
 
-// Records built by hand on a thread of their own; setting a value adopts that thread, so its own
-// record lists the pointers as well and finds them null at its end. A pointer entered twice would
-// be visited twice, and the second visit would clean the value that a later cleaner gave it.
+// Hand-built records (the thread's own one lists the pointers too, and finds them null at its end).
+// A pointer listed twice must be cleaned once: a second visit would clean the value set later.
 TEST(ThreadInfo, RecordCleansEachSlotOnceThenDeletesOnlyAThreadItOwns) {
     std::vector<int> log;
     mw::TlsPtr<Hook, mwtest::RunWhenCleaned> once, other;
@@ -57,11 +56,8 @@ TEST(ThreadInfo, RecordCleansEachSlotOnceThenDeletesOnlyAThreadItOwns) {
     });
 }
 
-// The record of the thread that unloads the library is cleaned while it is still that thread's
-// record, so its cleaners list pointers in it and set listed ones again. New pointers are cleaned
-// in the same pass, a value set again in the next; a cleaner that keeps setting its own pointer is
-// cut off after the last pass, and its last value is left there. A cleaner that threw is not
-// called again. Listing pointers during the walk grows the list under it.
+// The unloading thread's record, cleaned in place: pointers listed during the walk are cleaned in
+// that pass, values set again in later ones; the last pass's value stays; a thrower is not rerun.
 TEST(ThreadInfo, RecordCleanedInPlaceCleansWhatItsCleanersSetInFurtherPasses) {
     using mw::detail::s_threadInfo;
     mw::TlsPtr<Hook, mwtest::RunWhenCleaned> lister, renewing, thrower;

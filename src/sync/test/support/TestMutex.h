@@ -73,20 +73,6 @@ private:
     std::atomic<long> m_releaseCalls;
 };
 
-// True if action throws E and its message ends in the given description.
-template <typename E, typename Action>
-bool throwsWith(Action action, const std::string& description) {
-    try {
-        action();
-    } catch (const E& e) {
-        std::string text = e.what();
-        std::string tail = ", Description: " + description;
-        return text.size() >= tail.size() && text.substr(text.size() - tail.size()) == tail;
-    } catch (...) {
-    }
-    return false;
-}
-
 // Waits for a worker's body. One still blocked is interrupted, so that a lost wake-up in an
 // interruptible wait fails the test instead of hanging it in the join.
 inline bool finishes(const WorkerThread& worker) {

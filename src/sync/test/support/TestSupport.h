@@ -5,9 +5,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <string>
 #include <thread>
 
 namespace mwtest {
@@ -64,6 +66,45 @@ struct RunWhenCleaned {
         (*owned)();
     }
 };
+
+// True if action throws E whose message ends in the description and, when an operation
+// "Class::function" is given, names it: a refusal reports what the caller called, not a helper.
+template <typename E, typename Action>
+bool throwsWith(Action action, const std::string& description, const std::string& operation = "") {
+    try {
+        action();
+    } catch (const E& e) {
+        const std::string text = e.what();
+        const std::string tail = ", Description: " + description;
+        if (text.size() < tail.size() || text.substr(text.size() - tail.size()) != tail) {
+            return false;
+        }
+        if (operation.empty()) return true;
+        std::string::size_type split = operation.rfind("::");
+        std::string::size_type at = text.find(operation.substr(0, split));
+        return at != std::string::npos &&
+               text.find(operation.substr(split) + "(", at) != std::string::npos;
+    } catch (...) {
+    }
+    return false;
+}
+
+// For the tests that are programs of their own: ends the process with a failure unless done is
+// set within the limit, so that a hang fails the check instead of running into the test timeout.
+// done must outlive the process's exit handlers.
+inline void startProcessWatchdog(const std::atomic<bool>& done, std::chrono::seconds limit) {
+    std::thread([&done, limit] {
+        auto end = std::chrono::steady_clock::now() + limit;
+        while (!done.load()) {
+            if (std::chrono::steady_clock::now() > end) {
+                std::puts("FAILED: still running at the watchdog's deadline");
+                std::fflush(stdout);
+                std::_Exit(1);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));  // a deadline, not a wait
+        }
+    }).detach();
+}
 
 // Multiplies stress iteration counts; MW_STRESS_SCALE in the environment, default 1.
 inline int stressScale() {

@@ -9,12 +9,25 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <thread>
+#include <utility>
 
 #include "TestSupport.h"
+#include "concurrent/Runnable.h"
 #include "concurrent/Thread.h"
 
 namespace mwtest {
+
+// A Runnable that runs a function, for a Thread that the test starts.
+class Task : public mw::Runnable {
+public:
+    explicit Task(std::function<void()> body) : m_body(std::move(body)) {}
+    void run() override { m_body(); }
+
+private:
+    std::function<void()> m_body;
+};
 
 class WorkerThread {
 public:

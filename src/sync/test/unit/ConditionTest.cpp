@@ -17,6 +17,7 @@ namespace {
 
 using mwtest::finishes;
 using mwtest::TestMutex;
+using mwtest::throwsWith;
 using mwtest::WorkerThread;
 typedef TestMutex::ConditionObject ConditionObject;
 typedef std::function<bool(const ConditionObject&)> WaitForm;  // true: a signal came first
@@ -214,23 +215,6 @@ TEST(Condition, InterruptBeforeOrAfterTheSignal) {
     }
 }
 
-// True if action throws E with that description, from the operation named: the report names the
-// operation that the caller called, not a helper behind it.
-template <typename E>
-bool refusedBy(const std::function<void()>& action, const std::string& operation,
-               const std::string& description) {
-    try {
-        action();
-    } catch (const E& e) {
-        const std::string text = e.what();
-        const std::string tail = ", Description: " + description;
-        return text.find("::" + operation + "(") != std::string::npos &&
-               text.size() >= tail.size() && text.substr(text.size() - tail.size()) == tail;
-    } catch (...) {
-    }
-    return false;
-}
-
 // A thread that does not hold the synchronizer may not signal, wait or inspect, also on an empty
 // list; holding another synchronizer does not count. Its wait touches neither the list nor the
 // state and asks nothing to be released. Null and foreign conditions are refused before anything
@@ -240,21 +224,20 @@ TEST(Condition, MisuseIsRefusedAndChangesNothing) {
     TestMutex other;
     ConditionObject c = m.newCondition();
     ConditionObject foreign = other.newCondition();
-    EXPECT_TRUE(refusedBy<mw::NullPointerException>([&] { m.owns(nullptr); },
-                                                    "AbstractQueuedSynchronizer::owns", ""));
-    EXPECT_TRUE(refusedBy<mw::NullPointerException>([&] { m.hasWaiters(nullptr); },
-                                                    "AbstractQueuedSynchronizer::hasWaiters", ""));
-    EXPECT_TRUE(
-        refusedBy<mw::NullPointerException>([&] { m.getWaitQueueLength(nullptr); },
-                                            "AbstractQueuedSynchronizer::getWaitQueueLength", ""));
+    const std::string aqs = "AbstractQueuedSynchronizer::";
+    EXPECT_TRUE(throwsWith<mw::NullPointerException>([&] { m.owns(nullptr); }, "", aqs + "owns"));
+    EXPECT_TRUE(throwsWith<mw::NullPointerException>([&] { m.hasWaiters(nullptr); }, "",
+                                                     aqs + "hasWaiters"));
+    EXPECT_TRUE(throwsWith<mw::NullPointerException>([&] { m.getWaitQueueLength(nullptr); }, "",
+                                                     aqs + "getWaitQueueLength"));
     EXPECT_TRUE(m.owns(&c));
     EXPECT_FALSE(m.owns(&foreign));
 
     std::vector<std::pair<std::string, std::function<void()>>> refused = {
         {"ConditionObject::signal", [&] { c.signal(); }},
         {"ConditionObject::broadcast", [&] { c.broadcast(); }},
-        {"AbstractQueuedSynchronizer::hasWaiters", [&] { m.hasWaiters(&c); }},
-        {"AbstractQueuedSynchronizer::getWaitQueueLength", [&] { m.getWaitQueueLength(&c); }}};
+        {aqs + "hasWaiters", [&] { m.hasWaiters(&c); }},
+        {aqs + "getWaitQueueLength", [&] { m.getWaitQueueLength(&c); }}};
     for (size_t i = 0; i < std::size(WAITS); ++i) {
         const WaitForm& wait = WAITS[i];
         refused.emplace_back(WAIT_NAMES[i], [&c, &wait] { wait(c); });
@@ -265,19 +248,17 @@ TEST(Condition, MisuseIsRefusedAndChangesNothing) {
             other.lock();
             for (const auto& action : refused) {
                 EXPECT_TRUE(
-                    refusedBy<mw::IllegalMonitorStateException>(action.second, action.first, ""))
+                    throwsWith<mw::IllegalMonitorStateException>(action.second, "", action.first))
                     << action.first;
             }
             other.unlock();
         });
         EXPECT_TRUE(stranger.awaitFinished());
         EXPECT_EQ(releaseCalls, m.releaseCalls());
-        EXPECT_TRUE(refusedBy<mw::IllegalArgumentException>(
-            [&] { m.hasWaiters(&foreign); }, "AbstractQueuedSynchronizer::hasWaiters",
-            "Not owner"));
-        EXPECT_TRUE(refusedBy<mw::IllegalArgumentException>(
-            [&] { m.getWaitQueueLength(&foreign); },
-            "AbstractQueuedSynchronizer::getWaitQueueLength", "Not owner"));
+        EXPECT_TRUE(throwsWith<mw::IllegalArgumentException>([&] { m.hasWaiters(&foreign); },
+                                                             "Not owner", aqs + "hasWaiters"));
+        EXPECT_TRUE(throwsWith<mw::IllegalArgumentException>(
+            [&] { m.getWaitQueueLength(&foreign); }, "Not owner", aqs + "getWaitQueueLength"));
     };
     strangerIsRefused();
     EXPECT_FALSE(m.hasContended());  // no wait has queued anything

@@ -40,7 +40,7 @@ struct Flag : mw::Runnable {
 };
 
 // Pools are numbered in the order of construction, threads from 1 per pool, both in plain decimal
-// (the twelfth thread is "-thread-12").
+// (the twelfth thread is "-thread-12"); the threads are made unstarted for the task.
 TEST(DefaultThreadFactory, NumbersPoolsInConstructionOrderAndThreadsFromOne) {
     mw::DefaultThreadFactory first;
     mw::DefaultThreadFactory second;
@@ -56,50 +56,35 @@ TEST(DefaultThreadFactory, NumbersPoolsInConstructionOrderAndThreadsFromOne) {
         EXPECT_EQ(expected, next.thread);
     }
     EXPECT_EQ(2u, create(second).thread);
-}
 
-// What createThread gives has not been started: no id, not alive, and it can be started once,
-// running the task it was given (or nothing, for a null task).
-TEST(DefaultThreadFactory, CreatesUnstartedThreadsForTheTask) {
-    mw::DefaultThreadFactory factory;
+    // What it gives has not been started, and runs its task once started.
     Flag task;
-    std::unique_ptr<mw::Thread> withTask(factory.createThread(&task));
-    std::unique_ptr<mw::Thread> withoutTask(factory.createThread(nullptr));
-    for (mw::Thread* thread : {withTask.get(), withoutTask.get()}) {
-        EXPECT_EQ(0u, thread->getId());
-        EXPECT_FALSE(thread->isAlive());
-    }
+    std::unique_ptr<mw::Thread> thread(first.createThread(&task));
+    EXPECT_EQ(0u, thread->getId());
+    EXPECT_FALSE(thread->isAlive());
     EXPECT_FALSE(task.ran.load());
-    withTask->start();
-    withoutTask->start();
-    withTask->join();
-    withoutTask->join();
+    thread->start();
+    thread->join();
     EXPECT_TRUE(task.ran.load());
 }
 
 // A copy, by construction or assignment, takes the prefix and the current number and then counts
-// on its own; it takes no pool number.
+// on its own; it takes no pool number. The assignment is checked apart: it is written by hand.
 TEST(DefaultThreadFactory, CopiesContinueFromTheCopiedNumberWithTheSamePrefix) {
     mw::DefaultThreadFactory source;
-    create(source);
+    const unsigned pool = create(source).pool;
     create(source);
     mw::DefaultThreadFactory copy(source);
     mw::DefaultThreadFactory assigned;
-    Name before = create(assigned);
+    EXPECT_EQ(pool + 1, create(assigned).pool) << "the copy took a pool number";
     assigned = source;
     mw::DefaultThreadFactory later;
-    Name fromSource = create(source);
-    Name fromCopy = create(copy);
-    Name fromAssigned = create(assigned);
-    EXPECT_EQ(3u, fromSource.thread);
-    EXPECT_EQ(3u, fromCopy.thread);
-    EXPECT_EQ(3u, fromAssigned.thread);
-    EXPECT_EQ(fromSource.pool, fromCopy.pool);
-    EXPECT_EQ(fromSource.pool, fromAssigned.pool);
-    EXPECT_EQ(4u, create(copy).thread);
-    EXPECT_EQ(4u, create(source).thread);
-    EXPECT_EQ(fromSource.pool + 1, before.pool);
-    EXPECT_EQ(before.pool + 1, create(later).pool);
+    EXPECT_EQ(pool + 2, create(later).pool) << "the assignment took a pool number";
+    for (mw::DefaultThreadFactory* factory : {&source, &copy, &assigned}) {
+        Name name = create(*factory);
+        EXPECT_EQ(pool, name.pool);
+        EXPECT_EQ(3u, name.thread) << "a shared or a lost count";
+    }
 }
 
 // Threads that create at once on one factory, and construct factories at once, each get numbers

@@ -1,19 +1,15 @@
 // The order of the library's static objects, seen from a process of its own.
 //
-// At load: the number of the next thread pool is set before any program code runs, so the first
-// DefaultThreadFactory of the process, made here during the program's own static initialisation,
-// is pool 1.
+// At load: the next pool number is set before any program code runs, so the first
+// DefaultThreadFactory, made during the program's static initialisation, is pool 1.
 //
-// At unload: the thread that ends the process keeps its record through the program's exit
-// handlers; the destruction of the library's thread-local slot then cleans that record (its
-// thread-local values, then its adopted Thread object) while the mode markers of the wait queue,
-// built before the slot, still exist. A thread-local value of this program observes the cleaning:
-// its cleaner checks and prints. On ELF the program also sees the markers themselves and, through
-// its replacement operator delete, the deletion of the adopted object, and prints the verdict from
-// there. A Windows DLL exports no static of a nested class and frees with its own run-time
-// library, so there the cleaner checks the order against the exit handlers and gives the verdict.
-// Both run after the program's exit handlers and static destructors: stdout is still open, but
-// nothing flushes it any more.
+// At unload: the exiting thread keeps its record through the program's exit handlers; the
+// destruction of the library's thread-local slot then cleans it (its thread-local values, then its
+// adopted Thread object) while the wait queue's mode markers, built before the slot, still exist.
+// A thread-local value's cleaner checks this. On ELF the program also sees the markers and, through
+// its operator delete, the deletion of the adopted object; a Windows DLL exports no static of a
+// nested class and frees with its own run-time library, so there the cleaner gives the verdict.
+// Both run after the static destructors: stdout is still open, but nothing flushes it any more.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -50,14 +46,6 @@ bool modeMarkersExist() {
     typedef mw::AbstractQueuedSynchronizer::Node Node;
     return Node::SHARED.get() != nullptr && Node::EXCLUSIVE.get() == nullptr;
 }
-
-void noteDeletion(void* pointer) {
-    if (pointer == nullptr || pointer != g_adopted.load()) return;
-    g_adopted.store(nullptr);
-    check(g_cleaned.load(), "the adopted object is deleted after the record's values are cleaned");
-    check(modeMarkersExist(), "the mode markers still exist when the adopted object is deleted");
-    verdict();
-}
 #else
 const bool MARKERS_AND_DELETION_SEEN = false;
 
@@ -90,45 +78,31 @@ struct CheckWhenCleaned {
 };
 
 typedef mw::TlsPtr<int, CheckWhenCleaned> Probe;
-// Built in place and never destroyed: its destructor would clean this thread's value before the
-// library does.
+// Built in place and never destroyed: its destructor would clean this thread's value first.
 alignas(Probe) unsigned char g_probeStorage[sizeof(Probe)];
 
 }  // namespace
 
 #if !defined(_WIN32)
-// Every form of the replaceable allocation functions (but the over-aligned ones, which nothing
-// here uses), so that each allocation is paired with its own deallocation. Out of line, so that no
-// inlined copy pairs a new expression with free in the compiler's eyes.
-namespace {
+#include "ReplacedAllocation.h"
 
-__attribute__((noinline)) void* allocate(std::size_t size) noexcept {
-    return std::malloc(size != 0 ? size : 1);
+// Out of line, so that no inlined copy pairs a new expression with free in the compiler's eyes.
+__attribute__((noinline)) void* mwtest::allocate(std::size_t size, std::size_t alignment,
+                                                 bool) noexcept {
+    return mallocAligned(size, alignment);
 }
 
-__attribute__((noinline)) void* allocateOrThrow(std::size_t size) {
-    void* memory = allocate(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
-__attribute__((noinline)) void release(void* pointer) noexcept {
-    noteDeletion(pointer);
+__attribute__((noinline)) void mwtest::release(void* pointer) noexcept {
+    if (pointer != nullptr && pointer == g_adopted.load()) {
+        g_adopted.store(nullptr);
+        check(g_cleaned.load(),
+              "the adopted object is deleted after the record's values are cleaned");
+        check(modeMarkersExist(),
+              "the mode markers still exist when the adopted object is deleted");
+        verdict();
+    }
     std::free(pointer);
 }
-
-}  // namespace
-
-void* operator new(std::size_t size) { return allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return allocateOrThrow(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void operator delete(void* pointer) noexcept { release(pointer); }
-void operator delete[](void* pointer) noexcept { release(pointer); }
-void operator delete(void* pointer, std::size_t) noexcept { release(pointer); }
-void operator delete[](void* pointer, std::size_t) noexcept { release(pointer); }
-void operator delete(void* pointer, const std::nothrow_t&) noexcept { release(pointer); }
-void operator delete[](void* pointer, const std::nothrow_t&) noexcept { release(pointer); }
 #endif
 
 int main() {

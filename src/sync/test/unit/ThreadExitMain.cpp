@@ -1,17 +1,15 @@
 // The thread that calls exit keeps its Thread object through its atexit routines and the static
-// destructors: main enters a monitor, marks its object (a name, a pending interrupt), and calls
-// exit with the monitor held. An atexit routine then enters the same monitor, which it can only
-// do as the same thread (the monitor is reentrant); a static destructor, which runs after it,
-// finds the same object again and gives the verdict. The object's address alone could be reused
-// by a new object; its serial number and its marks could not.
+// destructors: main marks its object (name, pending interrupt) and exits holding a monitor, which
+// an atexit routine can enter again only as the same thread; a static destructor, later, finds the
+// same object (serial and marks, not only the address) and gives the verdict.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <thread>
 
+#include "TestSupport.h"
 #include "concurrent/Concurrent.h"
 
 namespace {
@@ -61,25 +59,10 @@ struct Verdict {
 // Built before main, so destroyed after the atexit routine that main registers.
 Verdict s_verdict;
 
-// Reports a process that hangs in its exit instead of waiting for the test's time limit.
-void startWatchdog() {
-    std::thread([] {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (!s_done.load()) {
-            if (std::chrono::steady_clock::now() > end) {
-                std::puts("FAILED: the exit did not finish");
-                std::fflush(stdout);
-                std::_Exit(1);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));  // a deadline, not a wait
-        }
-    }).detach();
-}
-
 }  // namespace
 
 int main() {
-    startWatchdog();
+    mwtest::startProcessWatchdog(s_done, std::chrono::seconds(60));
     s_monitor = new mw::Object;
     new (s_heldGuard) mw::Guard(s_monitor);  // never left: exit does not unwind
     mw::Thread* self = const_cast<mw::Thread*>(mw::Thread::currentThread());

@@ -1,7 +1,5 @@
-// The end of a thread's identity. A thread the library did not start keeps its one Thread object
-// until its very last code has run: its thread_local destructors run as that thread, holding
-// what it holds. A thread that Thread::start started loses its object right after run(), and
-// what its thread_local destructors do is done by a thread adopted afresh.
+// A thread the library did not start keeps its Thread object through its thread_local destructors;
+// one that Thread::start started loses it right after run(), and its destructors adopt afresh.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -18,9 +16,8 @@ namespace {
 using mw::Thread;
 using Hook = std::function<void()>;
 
-// The hook that a thread_local's destructor runs at the end of the one thread that armed it.
-// The destructor reads nothing of its own object: MinGW's emulated thread_local storage can be
-// freed before the destructors of the objects in it run.
+// Run by a thread_local's destructor at the end of the thread that armed it; kept outside the
+// object, since MinGW's emulated thread_local storage can be freed before its destructors run.
 std::atomic<Hook*> s_exitHook{nullptr};
 
 struct ExitTrigger {
@@ -56,9 +53,8 @@ struct Seen {
     }
 };
 
-// The thread_local is made before the thread's first call into the library, so its destructor
-// comes after anything that the library's first call could register on the thread. The object's
-// address alone could be reused by a new object; the serial number and the name could not.
+// Armed before the first library call, so its destructor runs after anything that call registers.
+// A new object could reuse the address, but not the serial number and the name.
 TEST(ThreadExit, ThreadLocalDestructorRunsAsTheThreadAndReleasesItsLock) {
     mw::ReentrantLock<mw::NonFairLockPolicy> lock;
     Seen seen;

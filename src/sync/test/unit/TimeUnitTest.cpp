@@ -85,44 +85,49 @@ TEST(TimeUnit, ThreadsRacingOnFirstUseGetTheSameObject) {
 
 using std::chrono::milliseconds;
 
-const long long NO_TIME[] = {0, -1, LLONG_MIN};
+enum Operation { WAIT, JOIN, SLEEP };
+const char* const OPERATIONS[] = {"timedWait", "timedJoin", "sleep"};
 
-// How timedWait splits a timeout: ms is the whole milliseconds that Object::wait gets. Rows with
-// ms 0 pass the rest as nanoseconds, which makes a wait that does not block; rows above BOUNDED
-// wait without a practical limit, but still as a timed wait.
-struct WaitRow {
+// ms: the whole milliseconds that the operation takes at least; 0: it does not block. A wait
+// passes the rest as nanoseconds, which stay under a million at the extremes too; rows above
+// BOUNDED wait without a practical limit, but still as a timed wait. A join of positive time
+// lasts at least a millisecond, and a sleep runs its whole milliseconds despite an interrupt.
+struct Row {
+    Operation operation;
     int unit;
     long long timeout;
     long long ms;
 };
 const long long BOUNDED = 1000;
-const WaitRow WAIT_ROWS[] = {
-    {0, 1, 0},
-    {0, 500, 0},
-    {0, 999999, 0},
-    {1, 1, 0},
-    {1, 999, 0},
-    {0, 1500000, 1},
-    {1, 1500, 1},
-    {0, 2999999, 2},
-    {1, 2999, 2},
-    {2, 3, 3},
-    {0, LLONG_MAX, 9223372036854LL},
-    {1, LLONG_MAX, 9223372036854775LL},
-    {2, LLONG_MAX, LLONG_MAX},
-    {3, 9223372036LL, 9223372036000LL},
-    {3, LLONG_MAX, LLONG_MAX},
-};
+// clang-format off
+const Row ROWS[] = {
+    {WAIT, 0, 1, 0}, {WAIT, 0, 500, 0}, {WAIT, 0, 999999, 0}, {WAIT, 1, 1, 0}, {WAIT, 1, 999, 0},
+    {WAIT, 0, 1500000, 1}, {WAIT, 1, 1500, 1}, {WAIT, 0, 2999999, 2}, {WAIT, 1, 2999, 2},
+    {WAIT, 2, 3, 3}, {WAIT, 0, LLONG_MAX, 9223372036854LL},
+    {WAIT, 1, LLONG_MAX, 9223372036854775LL}, {WAIT, 2, LLONG_MAX, LLONG_MAX},
+    {WAIT, 3, 9223372036LL, 9223372036000LL}, {WAIT, 3, LLONG_MAX, LLONG_MAX},
+    {JOIN, 0, 1, 1}, {JOIN, 0, 999999, 1}, {JOIN, 1, 1, 1}, {JOIN, 1, 999, 1},
+    {JOIN, 0, 2999999, 2}, {JOIN, 1, 20999, 20}, {JOIN, 2, 20, 20},
+    {SLEEP, 0, 999999, 0}, {SLEEP, 1, 20999, 20}, {SLEEP, 2, 20, 20}};
+// clang-format on
 
-std::string describe(const WaitRow& row) {
-    return std::string(NAMES[row.unit]) + " " + std::to_string(row.timeout);
+std::string describe(const Row& row) {
+    return std::string(OPERATIONS[row.operation]) + " " + NAMES[row.unit] + " " +
+           std::to_string(row.timeout);
 }
 
-// Waits on object as the row says, with the monitor held; false if the wait threw.
-bool waitHolding(const mw::Object& object, const WaitRow& row) {
+// Runs the row's operation, on object's monitor (held only if there is time left) or joining
+// joined; false if it threw.
+bool perform(const Row& row, const mw::Object& object, const mw::Thread& joined) {
+    const mw::TimeUnit& unit = UNITS[row.unit]();
     try {
-        mw::Guard guard(object);
-        UNITS[row.unit]().timedWait(object, row.timeout);
+        if (row.operation == JOIN) unit.timedJoin(joined, row.timeout);
+        if (row.operation == SLEEP) unit.sleep(row.timeout);
+        if (row.operation == WAIT && row.timeout <= 0) unit.timedWait(object, row.timeout);
+        if (row.operation == WAIT && row.timeout > 0) {
+            mw::Guard guard(object);
+            unit.timedWait(object, row.timeout);
+        }
         return true;
     } catch (...) {
         return false;
@@ -136,67 +141,6 @@ bool notifyUntilFinished(const mw::Object& object, const mwtest::WorkerThread& w
         object.notifyAll();
         return worker.finished();
     });
-}
-
-// No time left: returns at once, touching nothing, so it needs no monitor and leaves a pending
-// interrupt pending. Any time left reaches Object::wait, which requires the monitor and, entered
-// with the flag set, throws InterruptedException: never IllegalArgumentException, so the left-over
-// nanoseconds lie within a millisecond at the extremes too.
-TEST(TimeUnitTimedWait, ReachesTheWaitOnlyWithTimeLeftAndWithNanosInRange) {
-    mw::Object object;
-    const mw::Thread* self = mw::Thread::currentThread();
-    for (int u = 0; u < 4; ++u) {
-        for (long long timeout : NO_TIME) {
-            self->interrupt();
-            EXPECT_NO_THROW(UNITS[u]().timedWait(object, timeout)) << NAMES[u] << " " << timeout;
-            EXPECT_TRUE(mw::Thread::interrupted()) << NAMES[u] << " " << timeout;
-        }
-    }
-    for (const WaitRow& row : WAIT_ROWS) {
-        EXPECT_THROW(UNITS[row.unit]().timedWait(object, row.timeout),
-                     mw::IllegalMonitorStateException)
-            << describe(row);
-        mw::Guard guard(object);
-        self->interrupt();
-        EXPECT_THROW(UNITS[row.unit]().timedWait(object, row.timeout), mw::InterruptedException)
-            << describe(row);
-        EXPECT_FALSE(self->isInterrupted()) << describe(row);
-    }
-}
-
-// Under a millisecond: a wait that does not block. Whole milliseconds: a wait of at least that
-// long. Beyond any practical limit: still a timed park, which a notification ends.
-TEST(TimeUnitTimedWait, WaitsForTheWholeMillisecondsAndNeverWithoutLimit) {
-    mw::Object object;
-    std::atomic<int> threw(0);
-    mwtest::WorkerThread quick([&] {
-        for (const WaitRow& row : WAIT_ROWS) {
-            if (row.ms == 0 && !waitHolding(object, row)) threw += 1;
-        }
-    });
-    bool returnedByItself = quick.awaitFinished(milliseconds(30000));
-    EXPECT_TRUE(returnedByItself) << "a wait under a millisecond blocked";
-    if (!returnedByItself) {
-        EXPECT_TRUE(notifyUntilFinished(object, quick));
-    }
-
-    for (const WaitRow& row : WAIT_ROWS) {
-        if (row.ms == 0 || row.ms > BOUNDED) continue;
-        EXPECT_GE(mwtest::elapsed([&] { EXPECT_TRUE(waitHolding(object, row)); }),
-                  milliseconds(row.ms))
-            << describe(row);
-    }
-
-    for (const WaitRow& row : WAIT_ROWS) {
-        if (row.ms <= BOUNDED) continue;
-        mwtest::WorkerThread waiter([&] {
-            if (!waitHolding(object, row)) threw += 1;
-        });
-        EXPECT_TRUE(waiter.awaitParked()) << describe(row);
-        EXPECT_EQ(mw::Thread::TIMED_PARKED, waiter.self()->getState()) << describe(row);
-        EXPECT_TRUE(notifyUntilFinished(object, waiter)) << describe(row);
-    }
-    EXPECT_EQ(0, threw.load());
 }
 
 // A started thread that runs until released.
@@ -216,58 +160,55 @@ private:
     mw::Thread m_thread;
 };
 
-// Runs body, which joins held, on a thread of its own: true if it returned by itself while held
-// was still alive. A body stuck in a join without limit is freed by letting held end.
-template <typename Body>
-bool returnsWhileAlive(HeldThread& held, Body body) {
-    mwtest::WorkerThread joiner(body);
-    bool returned = joiner.awaitFinished(milliseconds(30000));
-    bool alive = held.thread().isAlive();
-    if (!returned) held.release();
-    return returned && alive;
-}
-
-// No time left returns at once. Any positive time joins for its whole milliseconds, and for one
-// millisecond when it comes to less: never for the thread's end without limit. A thread that ends
-// within the time ends the join.
-TEST(TimeUnitTimedJoin, JoinsForTheWholeMillisecondsAndAtLeastOne) {
+// No time left: every operation returns at once, touching nothing, so a wait needs no monitor
+// and a pending interrupt stays pending. Any time left reaches Object::wait: entered interrupted,
+// it throws InterruptedException, never IllegalArgumentException. Each row runs on a thread of its
+// own, freed by a notification or by held's end if it blocks; a join returns while held lives.
+TEST(TimeUnit, TimedOperationsTakeTheirWholeMillisecondsAndNoTimeTouchesNothing) {
+    mw::Object object;
     HeldThread held;
-    EXPECT_TRUE(returnsWhileAlive(held, [&] {
-        for (int u = 0; u < 4; ++u) {
-            for (long long timeout : NO_TIME) UNITS[u]().timedJoin(held.thread(), timeout);
-        }
-    }));
-    const WaitRow rows[] = {{0, 1, 1},       {0, 999999, 1}, {1, 1, 1},  {1, 999, 1},
-                            {0, 2999999, 2}, {1, 20999, 20}, {2, 20, 20}};
-    for (const WaitRow& row : rows) {
-        std::chrono::steady_clock::duration took{};
-        EXPECT_TRUE(returnsWhileAlive(held, [&] {
-            took =
-                mwtest::elapsed([&] { UNITS[row.unit]().timedJoin(held.thread(), row.timeout); });
-        })) << describe(row);
-        EXPECT_GE(took, milliseconds(row.ms)) << describe(row);
+    for (const Row& row : ROWS) {
+        if (row.operation != WAIT) continue;
+        mw::Guard guard(object);
+        mw::Thread::currentThread()->interrupt();
+        EXPECT_THROW(UNITS[row.unit]().timedWait(object, row.timeout), mw::InterruptedException)
+            << describe(row);
+        EXPECT_FALSE(mw::Thread::interrupted()) << describe(row);
     }
+    auto check = [&](const Row& row) {
+        const bool withInterrupt = row.timeout <= 0 || row.operation == SLEEP;
+        std::atomic<bool> threw{false}, kept{false};
+        std::chrono::steady_clock::duration took{};
+        mwtest::WorkerThread worker([&] {
+            if (withInterrupt) mw::Thread::currentThread()->interrupt();
+            took = mwtest::elapsed([&] { threw = !perform(row, object, held.thread()); });
+            kept = mw::Thread::interrupted();
+        });
+        if (row.ms > BOUNDED) {
+            EXPECT_TRUE(worker.awaitParked()) << describe(row);
+            EXPECT_EQ(mw::Thread::TIMED_PARKED, worker.self()->getState()) << describe(row);
+        } else {
+            EXPECT_TRUE(worker.awaitFinished()) << describe(row) << " blocked";
+        }
+        const bool alive = held.thread().isAlive();
+        if (!worker.finished() && row.operation == JOIN) held.release();
+        ASSERT_TRUE(notifyUntilFinished(object, worker)) << describe(row);
+        EXPECT_FALSE(threw.load()) << describe(row);
+        EXPECT_EQ(withInterrupt, kept.load()) << describe(row);
+        EXPECT_TRUE(alive || row.operation != JOIN) << describe(row) << " outlived the thread";
+        EXPECT_TRUE(row.ms > BOUNDED || took >= milliseconds(row.ms)) << describe(row) << " early";
+    };
+    for (Operation operation : {WAIT, JOIN, SLEEP}) {
+        for (int u = 0; u < 4; ++u) {
+            for (long long timeout : {0LL, -1LL, LLONG_MIN}) check({operation, u, timeout, 0});
+        }
+    }
+    for (const Row& row : ROWS) check(row);
     held.release();
     EXPECT_LT(mwtest::elapsed([&] { mw::TimeUnit::SECONDS().timedJoin(held.thread(), 3000); }),
               milliseconds(20000));
     EXPECT_FALSE(held.thread().isAlive());
     mw::TimeUnit::SECONDS().timedJoin(held.thread(), LLONG_MAX);  // an ended thread: at once
-}
-
-// No time left returns at once; otherwise the whole milliseconds are slept, and an interrupt
-// neither ends the sleep nor is consumed by it.
-TEST(TimeUnitSleep, SleepsForTheWholeMillisecondsRegardlessOfInterrupts) {
-    for (int u = 0; u < 4; ++u) {
-        for (long long timeout : NO_TIME) {
-            EXPECT_LT(mwtest::elapsed([&] { UNITS[u]().sleep(timeout); }), milliseconds(20000));
-        }
-    }
-    EXPECT_LT(mwtest::elapsed([] { mw::TimeUnit::NANOSECONDS().sleep(999999); }),
-              milliseconds(20000));
-    EXPECT_GE(mwtest::elapsed([] { mw::TimeUnit::MICROSECONDS().sleep(20999); }), milliseconds(20));
-    mw::Thread::currentThread()->interrupt();
-    EXPECT_GE(mwtest::elapsed([] { mw::TimeUnit::MILLISECONDS().sleep(20); }), milliseconds(20));
-    EXPECT_TRUE(mw::Thread::interrupted());
 }
 
 }  // namespace
