@@ -110,7 +110,9 @@ void AbstractQueuedSynchronizer::rememberWait(Node* node) const {
 }
 
 // The killed thread may have stopped anywhere: the node may name it no more (it had left the
-// node), be on a condition's list, or be linked in the queue, even as its head.
+// node), be on a condition's list, or be linked in the queue, even as its head. cancelAcquire is
+// run by a node's own thread alone; that thread is gone (terminate waited for it), so this caller
+// takes its place and no two threads run it on one node.
 void AbstractQueuedSynchronizer::abandonWaitOfKilledThread(Node* node, const Thread* killed) {
     if (node->thread.load(std::memory_order_seq_cst) != killed) return;
     node->thread.store(nullptr, std::memory_order_seq_cst);

@@ -16,49 +16,26 @@
 namespace mw {
 
 Thread::Thread(Runnable* target, const std::string& name)
-    : detail::ThreadBase(nullptr, 0),
+    : Thread(nullptr, 0, target, name, NEW, false) {}
+
+Thread::Thread(bool autoDelete, const std::string& name)
+    : Thread(nullptr, 0, nullptr, name, NEW, autoDelete) {}
+
+Thread::Thread(void* handle)
+    : Thread(handle, handle != nullptr ? platform::currentThreadId() : 0, nullptr, "linux thread",
+             RUNNING, false) {}
+
+Thread::Thread(void* handle, std::uint32_t id, Runnable* target, const std::string& name,
+               State state, bool autoDelete)
+    : detail::ThreadBase(handle, id),
       Object(),
       m_target(target),
       m_name(name),
-      m_threadState(NEW),
-      m_interrupted(0),
-      m_parker(nullptr),
-      m_parkEvent(nullptr),
-      m_autoDelete(false),
-      m_serial(detail::ThreadRegistry::nextSerial()),
-      m_started(false),
-      m_startRecord(nullptr),
-      m_starter(nullptr) {
-    initialise();
-}
-
-Thread::Thread(bool autoDelete, const std::string& name)
-    : detail::ThreadBase(nullptr, 0),
-      Object(),
-      m_target(nullptr),
-      m_name(name),
-      m_threadState(NEW),
+      m_threadState(state),
       m_interrupted(0),
       m_parker(nullptr),
       m_parkEvent(nullptr),
       m_autoDelete(autoDelete),
-      m_serial(detail::ThreadRegistry::nextSerial()),
-      m_started(false),
-      m_startRecord(nullptr),
-      m_starter(nullptr) {
-    initialise();
-}
-
-Thread::Thread(void* handle)
-    : detail::ThreadBase(handle, handle != nullptr ? platform::currentThreadId() : 0),
-      Object(),
-      m_target(nullptr),
-      m_name("linux thread"),
-      m_threadState(RUNNING),
-      m_interrupted(0),
-      m_parker(nullptr),
-      m_parkEvent(nullptr),
-      m_autoDelete(false),
       m_serial(detail::ThreadRegistry::nextSerial()),
       m_started(false),
       m_startRecord(nullptr),

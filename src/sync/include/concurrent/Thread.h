@@ -117,6 +117,9 @@ private:
 
     // Adoption: an object for the calling thread, RUNNING, named "linux thread".
     explicit Thread(void* handle);
+    // What every constructor does, in the order of the fields.
+    Thread(void* handle, std::uint32_t id, Runnable* target, const std::string& name, State state,
+           bool autoDelete);
 
     // The started thread's entry: installs the object's record, shakes hands with start, runs
     // run() and cleans the record. Always returns 0.
