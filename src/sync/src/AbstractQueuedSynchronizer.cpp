@@ -189,19 +189,23 @@ void AbstractQueuedSynchronizer::setHead(Node* node) {
 void AbstractQueuedSynchronizer::unparkSuccessor(Node* node) {
     node->status.compareAndSet(Node::SIGNAL, 0);
     Node* s = node->next.get();
-    if (s == nullptr || s->status.get() > 0) {
-        s = nullptr;
-        for (Node* t = m_tail.get(); t != nullptr && t != node; t = relaxedPrev(t)) {  // [Q5]
-            if (t->status.get() <= 0) s = t;
-        }
-    }
+    if (s == nullptr || s->status.get() > 0) s = firstLiveFromTail(node);
     if (s != nullptr) detail::unparkNodeThread(s->thread);
+}
+
+// The live node nearest to node, by the walk from m_tail that next cannot replace ([Q2]).
+Node* AbstractQueuedSynchronizer::firstLiveFromTail(const Node* node) const {
+    Node* s = nullptr;
+    for (Node* t = m_tail.get(); t != nullptr && t != node; t = relaxedPrev(t)) {  // [Q5]
+        if (t->status.get() <= 0) s = t;
+    }
+    return s;
 }
 
 // A false result makes the caller try to acquire once more before it parks.
 bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* node) {
     int s = pred->status.get();
-    if (s < 0) return true;
+    if (s == Node::SIGNAL) return true;
     if (s > 0) {
         do {
             retireCancelled(pred);
@@ -210,7 +214,7 @@ bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* 
         } while (pred->status.get() > 0);
         pred->next.set(node);
     } else {
-        pred->status.compareAndSet(0, Node::SIGNAL);
+        pred->status.compareAndSet(s, Node::SIGNAL);  // 0, or a PROPAGATE taken over [R3]
     }
     return false;
 }
@@ -359,6 +363,165 @@ bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout)
 
 #undef MW_GIVE_UP_NODE_ON_EXCEPTION
 
+// ---- shared acquisition -------------------------------------------------------------------------
+//
+// A release hands its wake-up to whoever stands first. The first waiter may be between its last
+// tryAcquireShared and the move of m_head when a release lands, so a release also leaves a mark,
+// PROPAGATE, on the head it found, and the first waiter looks for that mark once it has moved
+// m_head: a mark that came after its last look means a release it may not have seen, and it
+// passes a wake-up on. The orders that make this complete (docs/DESIGN.md has the argument; the
+// model is tools/models/shared_release.pml):
+//  [R1] the first waiter takes any mark off its predecessor before it calls tryAcquireShared, so
+//       a mark it finds later was left by a release it cannot be sure to have seen.
+//  [R2] a release changes the state (tryReleaseShared) before it reads m_head, and marks the head
+//       it read; it reads m_head again after marking and starts over if the head has moved, so
+//       its mark lands on a head whose first waiter has not yet looked for marks.
+//  [R3] a waiter turns a mark into SIGNAL and tries again before it parks, so a release that
+//       marked the head after that waiter's last try either finds SIGNAL and wakes it, or its
+//       state change is seen by that try.
+//  [R4] setHeadAndPropagate moves m_head before it reads the old head's status.
+
+void AbstractQueuedSynchronizer::acquireShared(int arg) {
+    if (tryAcquireShared(arg) < 0) doAcquireShared(arg);
+}
+
+void AbstractQueuedSynchronizer::acquireSharedInterruptibly(int arg) {
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    if (tryAcquireShared(arg) < 0) doAcquireSharedInterruptibly(arg);
+}
+
+bool AbstractQueuedSynchronizer::tryAcquireSharedNanos(int arg, long long nanosTimeout) {
+    if (Thread::interrupted()) MW_THROW(InterruptedException, "");
+    return tryAcquireShared(arg) >= 0 || doAcquireSharedNanos(arg, nanosTimeout);
+}
+
+bool AbstractQueuedSynchronizer::releaseShared(int arg) {
+    if (!tryReleaseShared(arg)) return false;
+    doReleaseShared();  // [R2] after the state change
+    return true;
+}
+
+// Wakes the head's successor if it asked to be woken, and marks the head in either case. A head
+// with nobody behind it is left alone: a waiter that links itself later tries before it parks.
+void AbstractQueuedSynchronizer::doReleaseShared() {
+    for (;;) {
+        Node* h = m_head.get();
+        if (h != nullptr && h != m_tail.get()) {
+            int s = h->status.get();
+            if (s == Node::SIGNAL) {
+                if (!h->status.compareAndSet(Node::SIGNAL, Node::PROPAGATE)) continue;
+                Node* first = h->next.get();
+                if (first == nullptr || first->status.get() > 0) first = firstLiveFromTail(h);
+                if (first != nullptr) detail::unparkNodeThread(first->thread);
+            } else if (s == 0 && !h->status.compareAndSet(0, Node::PROPAGATE)) {
+                continue;
+            }
+        }
+        if (h == m_head.get()) return;  // [R2]
+    }
+}
+
+// [R1] Only the head's successor takes the mark, just before it tries.
+void AbstractQueuedSynchronizer::takePendingWakeUp(Node* head) {
+    if (head->status.get() == Node::PROPAGATE) head->status.compareAndSet(Node::PROPAGATE, 0);
+}
+
+// Run by the node's own thread once tryAcquireShared gave propagate (0 or more) with the node's
+// predecessor as head. Passes a wake-up on when the result says the next waiter may succeed too,
+// or when a release marked the old head after this thread last looked ([R1], [R4]); in the second
+// case the successor is woken whatever its mode, and one that finds nothing to take parks again.
+// Nobody is woken while the new head is unmarked: its successor tries again before it parks.
+void AbstractQueuedSynchronizer::setHeadAndPropagate(Node* node, int propagate) {
+    Node* oldHead = m_head.get();
+    setHead(node);
+    bool missedRelease = oldHead->status.get() == Node::PROPAGATE;  // [R4]
+    if (propagate <= 0 && !missedRelease) return;
+    if (node->status.get() != Node::SIGNAL) return;
+    Node* s = node->next.get();
+    if (!missedRelease && s != nullptr && s->waiterLink.load(std::memory_order_relaxed) !=
+                                              Node::SHARED.get())
+        return;
+    unparkSuccessor(node);
+}
+
+// Every loop below gives its node up before any exception leaves it (see the exclusive loops).
+#define MW_GIVE_UP_NODE_ON_EXCEPTION(node)                     \
+    catch (...) {                                              \
+        if (relaxedPrev(node) != nullptr) cancelAcquire(node); \
+        throw;                                                 \
+    }
+
+// The first waiter's attempt: takes the head's mark, tries, and on success becomes the head.
+#define MW_TRY_SHARED_AS_FIRST(p, node, arg, onSuccess) \
+    if (p == m_head.get()) {                            \
+        takePendingWakeUp(p);                           \
+        int r = tryAcquireShared(arg);                  \
+        if (r >= 0) {                                   \
+            setHeadAndPropagate(node, r);               \
+            p->next.set(nullptr);                       \
+            retireOldHead(p);                           \
+            onSuccess;                                  \
+        }                                               \
+    }
+
+void AbstractQueuedSynchronizer::doAcquireShared(int arg) {
+    Node* node = addWaiter(Node::SHARED.get());
+    bool interrupted = false;
+    try {
+        for (;;) {
+            Node* p = node->predecessor();
+            MW_TRY_SHARED_AS_FIRST(p, node, arg, {
+                if (interrupted) selfInterrupt();
+                return;
+            })
+            if (shouldParkAfterFailedAcquire(p, node) && parkAndCheckInterrupt())
+                interrupted = true;
+        }
+    }
+    MW_GIVE_UP_NODE_ON_EXCEPTION(node)
+}
+
+void AbstractQueuedSynchronizer::doAcquireSharedInterruptibly(int arg) {
+    Node* node = addWaiter(Node::SHARED.get());
+    try {
+        for (;;) {
+            Node* p = node->predecessor();
+            MW_TRY_SHARED_AS_FIRST(p, node, arg, return)
+            if (shouldParkAfterFailedAcquire(p, node) && parkAndCheckInterrupt()) break;
+        }
+    }
+    MW_GIVE_UP_NODE_ON_EXCEPTION(node)
+    cancelAcquire(node);
+    MW_THROW(InterruptedException, "");
+}
+
+bool AbstractQueuedSynchronizer::doAcquireSharedNanos(int arg, long long nanosTimeout) {
+    long long lastTime = TimeUtil::nanoTime();
+    Node* node = addWaiter(Node::SHARED.get());
+    try {
+        for (;;) {
+            Node* p = node->predecessor();
+            MW_TRY_SHARED_AS_FIRST(p, node, arg, return true)
+            if (nanosTimeout <= 0) {
+                cancelAcquire(node);
+                return false;
+            }
+            if (!shouldParkAfterFailedAcquire(p, node)) continue;
+            parkCurrentNanos(nanosTimeout);
+            if (detail::currentThreadFast()->isInterrupted(true)) break;
+            long long now = TimeUtil::nanoTime();
+            nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
+            lastTime = now;
+        }
+    }
+    MW_GIVE_UP_NODE_ON_EXCEPTION(node)
+    cancelAcquire(node);
+    MW_THROW(InterruptedException, "");
+}
+
+#undef MW_TRY_SHARED_AS_FIRST
+#undef MW_GIVE_UP_NODE_ON_EXCEPTION
+
 
 // ---- inspection ---------------------------------------------------------------------------------
 
@@ -394,6 +557,20 @@ const Thread* AbstractQueuedSynchronizer::fullGetFirstQueuedThread() const {
         if (tt != nullptr) first = tt;
     }
     return first;
+}
+
+bool AbstractQueuedSynchronizer::hasQueuedPredecessors() const {
+    if (!hasQueuedThreads()) return false;
+    const Thread* first = fullGetFirstQueuedThread();
+    return first != nullptr && first != detail::currentThreadFast();
+}
+
+bool AbstractQueuedSynchronizer::firstQueuedIsExclusive() const {
+    Node* h = m_head.get();
+    if (h == nullptr) return false;
+    Node* s = h->next.get();
+    return s != nullptr && s->waiterLink.load(std::memory_order_relaxed) != Node::SHARED.get() &&
+           s->thread.load(std::memory_order_seq_cst) != nullptr;
 }
 
 bool AbstractQueuedSynchronizer::isQueued(const Thread* thread) const {

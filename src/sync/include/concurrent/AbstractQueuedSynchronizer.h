@@ -37,6 +37,9 @@ public:
         static const int CANCELLED = 1;
         static const int SIGNAL = -1;
         static const int CONDITION = -2;
+        // Only ever on the head: a shared release landed here after the first waiter last looked,
+        // so a wake-up may have to be passed on (see releaseShared).
+        static const int PROPAGATE = -3;
 
         // Mode markers, compared by address: a shared waiter has SHARED's node in waiterLink, an
         // exclusive one has null (what EXCLUSIVE holds).
@@ -90,6 +93,14 @@ public:
         return true;
     }
 
+    // Shared mode: several threads may hold at once, as tryAcquireShared decides. acquireShared
+    // ignores interrupts and re-asserts them on return; the other two throw InterruptedException
+    // with the flag cleared. releaseShared may be called by any thread.
+    void acquireShared(int arg);
+    void acquireSharedInterruptibly(int arg);
+    bool tryAcquireSharedNanos(int arg, long long nanosTimeout);
+    bool releaseShared(int arg);
+
     // Inspection: one moment's reading, without locks or allocation.
     bool hasQueuedThreads() const;
     bool hasContended() const;
@@ -122,6 +133,11 @@ protected:
     bool acquireQueued(Node* node, int arg);
     // The longest-waiting queued thread, by the walk behind getFirstQueuedThread's quick test.
     const Thread* fullGetFirstQueuedThread() const;
+    // For fair policies: true if a thread other than the caller stands first in the queue.
+    bool hasQueuedPredecessors() const;
+    // True if the head's successor is a live exclusive waiter: a reader that defers to it keeps a
+    // queued writer from starving. One moment's reading, never a guarantee.
+    bool firstQueuedIsExclusive() const;
 
 private:
     friend class Thread;
@@ -145,8 +161,15 @@ private:
     Node* addWaiter(Node* mode);
     void setHead(Node* node);
     void unparkSuccessor(Node* node);
+    Node* firstLiveFromTail(const Node* node) const;
     void cancelAcquire(Node* node);
     static bool shouldParkAfterFailedAcquire(Node* pred, Node* node);
+    static void takePendingWakeUp(Node* head);
+    void setHeadAndPropagate(Node* node, int propagate);
+    void doReleaseShared();
+    void doAcquireShared(int arg);
+    void doAcquireSharedInterruptibly(int arg);
+    bool doAcquireSharedNanos(int arg, long long nanosTimeout);
     void doAcquireInterruptibly(int arg);
     bool doAcquireNanos(int arg, long long nanosTimeout);
     bool spinAsFirst(Node* p, int arg);
