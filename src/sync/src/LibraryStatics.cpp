@@ -2,7 +2,9 @@
 // order at load and destroyed in the reverse order at unload, on every platform. The destructor
 // of s_threadInfo cleans the record of the thread that unloads the library (on exit, the thread
 // that called exit, after its atexit routines and the static destructors built after the
-// library), so the mode markers of the wait queue, built before it, outlive that cleaning.
+// library), so the mode markers of the wait queue and the slot of the read-hold tables, built
+// before it, outlive that cleaning.
+#include "ReadHoldTable.h"
 #include "ThreadInfoSlot.h"
 #include "TimeUnitConstant.h"
 #include "concurrent/AbstractQueuedSynchronizer.h"
@@ -23,12 +25,19 @@ namespace detail {
 TimeUnitConstant s_timeUnitConstants[4] = {TimeUnitConstant(0), TimeUnitConstant(1),
                                            TimeUnitConstant(2), TimeUnitConstant(3)};
 
-// 7: every thread's record.
+// 7: the slot of each thread's read-hold table, and the source of read-write lock ids. Built
+// before s_threadInfo, not after it: the cleaning of the unloading thread's record, in the
+// destructor of s_threadInfo, reads and clears this slot (the record lists it once the thread has
+// read-locked), and a cleaner run there may still take and release read locks. Built last, it
+// would be destroyed first, and that cleaning would call into a destroyed slot.
+ReadHoldTables s_readHoldTables;
+
+// 8: every thread's record.
 ThreadInfoPtr s_threadInfo;
 
 }  // namespace detail
 
-// 8: the number of the next thread pool.
+// 9: the number of the next thread pool.
 Atomic<unsigned int> DefaultThreadFactory::s_poolNumber(1);
 
 }  // namespace mw

@@ -33,6 +33,12 @@ void Parker::park(bool absolute, long long time) {
         ms = time / 1000000;
         if (ms == 0) ms = 1;
     }
+    // A wait of 2^32 - 1 ms or more (49.7 days) parks for the longest finite wait instead: the
+    // platform's wait takes 32 bits, and its all-ones value means no limit. The callers loop on the
+    // time they have left, so the early return costs nothing.
+    if (time != 0 && ms >= platform::INFINITE_WAIT) {
+        ms = platform::INFINITE_WAIT - 1;
+    }
     prepare();
     if (!m_thread->isInterrupted(false) &&
         platform::waitEvent(m_event, 0) != platform::WAIT_SIGNALED) {

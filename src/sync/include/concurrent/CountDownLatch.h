@@ -1,0 +1,48 @@
+// CountDownLatch: a gate that opens once, when a count reaches zero. Threads wait in await until
+// then; any thread may count down. The count-down that reaches zero lets every waiter through at
+// that moment, and from then on await returns at once; at zero, countDown changes nothing. A latch
+// cannot be reset.
+//
+// There is no fair mode: every waiter passes at the same moment, so there is no order to keep.
+// The latch must not be destroyed while a thread waits on it or is inside one of its operations.
+#ifndef MW_CONCURRENT_COUNT_DOWN_LATCH_H
+#define MW_CONCURRENT_COUNT_DOWN_LATCH_H
+
+#include <boost/noncopyable.hpp>
+
+#include "CountDownLatchSync.h"
+#include "Export.h"
+
+namespace mw {
+
+class TimeUnit;
+
+class MW_API CountDownLatch : private boost::noncopyable {
+public:
+    // Throws IllegalArgumentException for a negative count. A latch made with 0 is open.
+    explicit CountDownLatch(int count);
+    // Neither opens the latch nor looks at waiters.
+    ~CountDownLatch();
+
+    // Blocks until the count is zero. Throws InterruptedException, with the flag cleared, on an
+    // interrupt pending on entry or arriving while it waits, even if the latch is open.
+    void await() const;
+    // As await, but gives up when time runs out. Returns whether the count reached zero; a time of
+    // 0 or less just tests the count (after the test for an interrupt).
+    bool await(long long time, const TimeUnit& unit) const;
+    // Takes one from the count; the step that reaches zero wakes every waiter. Never blocks.
+    void countDown();
+
+    // One moment's reading each; never blocks. The count is an int, as the constructor takes it.
+    int getCount() const;
+    bool hasQueuedThreads() const;
+    unsigned long long getQueueLength() const;
+
+private:
+    // mutable: waiting is not a change of the latch, but it queues on the synchronizer.
+    mutable detail::CountDownLatchSync m_sync;
+};
+
+}  // namespace mw
+
+#endif

@@ -1,0 +1,66 @@
+// Semaphore: a count of permits. acquire takes permits, waiting until enough are available;
+// release gives permits back, from any thread, and may raise the count above where it started.
+// Nothing records which thread took what. The count is never negative and never above INT_MAX.
+//
+// A fair semaphore hands permits to waiting threads in the order they queued: a newcomer's
+// acquire, blocking or timed, does not take permits while another thread stands first in the
+// queue, so a thread waiting for several permits is not starved by threads that want one. A
+// non-fair one (the default) lets a newcomer take permits whenever enough are available, ahead of
+// the queue; that is faster under contention, but a waiter for several permits may then wait for
+// as long as others keep taking single ones. In either mode queued threads are served in order: a
+// first waiter that wants more than is available holds back those queued behind it.
+//
+// Every operation refuses a negative number of permits with IllegalArgumentException before it
+// changes anything. Asking for 0 permits takes nothing and never waits; the interruptible and
+// timed forms still throw InterruptedException for an interrupt pending on entry, as every
+// interruptible wait of the library does. The semaphore must not be destroyed while a thread
+// waits on it or is inside one of its operations.
+#ifndef MW_CONCURRENT_SEMAPHORE_H
+#define MW_CONCURRENT_SEMAPHORE_H
+
+#include <boost/noncopyable.hpp>
+
+#include "Export.h"
+#include "SemaphoreSync.h"
+
+namespace mw {
+
+class TimeUnit;
+
+class MW_API Semaphore : private boost::noncopyable {
+public:
+    // Throws IllegalArgumentException for negative permits.
+    explicit Semaphore(int permits, bool fair = false);
+    // Neither releases nor looks at waiters.
+    ~Semaphore();
+
+    // Blocks until permits are taken. An interrupt does not end the wait: it is remembered, and
+    // the flag is set again on the way out.
+    void acquire(int permits = 1);
+    // Blocks until permits are taken; throws InterruptedException, with the flag cleared and no
+    // permit taken, on an interrupt pending on entry or arriving while it waits.
+    void acquireInterruptibly(int permits = 1);
+    // Takes permits if that many are available now, even on a fair semaphore with threads queued
+    // (as ReentrantLock::tryLock barges). Never blocks, never queues, ignores interrupts.
+    bool tryAcquire(int permits = 1);
+    // As acquireInterruptibly, but gives up when time runs out and then returns false. Honours
+    // fairness. A time of 0 or less makes one attempt without waiting; on a fair semaphore that
+    // attempt fails while another thread is queued first.
+    bool tryAcquire(int permits, long long time, const TimeUnit& unit);
+    // Adds permits and lets waiters take them. Throws IllegalArgumentException, changing nothing,
+    // when the count would pass INT_MAX. Never blocks.
+    void release(int permits = 1);
+
+    // One moment's reading each; never blocks.
+    int availablePermits() const;
+    bool isFair() const;
+    bool hasQueuedThreads() const;
+    unsigned long long getQueueLength() const;
+
+private:
+    detail::SemaphoreSync m_sync;
+};
+
+}  // namespace mw
+
+#endif
