@@ -1,9 +1,14 @@
+// Bounded stress of the synchronizer behind ReentrantLock (both policies), its conditions and the
+// Object monitor, under random interrupts and time-outs. Counts scale with MW_STRESS_SCALE; a run
+// that does not end in time aborts the process with a message instead of hanging on a lost wake-up.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -13,155 +18,245 @@
 
 namespace {
 
-using mwtest::WorkerThread;
-typedef std::vector<std::unique_ptr<WorkerThread>> Workers;
+typedef mw::AbstractQueuedSynchronizer::ConditionObject ConditionObject;
+// A worker's share of a round; loud tells whether the interrupter is at work during it.
+typedef std::function<void(int worker, std::mt19937& rng, bool loud)> Body;
 
-// A bounded buffer's monitor on a ReentrantLock with a condition for each side. One signal per
-// item, not a broadcast, so that interrupts race with signals in flight.
+// Runs body on each of `workers` threads twice. The loud round, which each worker enters with its
+// flag set, runs beside an interrupter that interrupts workers at random. The quiet round starts
+// once every worker is through the loud one and the interrupter has stopped, with every flag clear:
+// only wake-ups and time-outs end waits then, so a lost wake-up shows as a hang. No worker ends
+// before the interrupter has stopped, for a thread's object dies with the thread.
+void runWithInterrupts(int workers, const Body& body) {
+    const unsigned seed = std::random_device()();
+    const char* what = testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::printf("%s: seed %u\n", what, seed);  // printed at once: a hang ends in an abort
+    std::vector<std::atomic<const mw::Thread*>> selves(workers);
+    std::atomic<int> loudDone(0), quietDone(0);
+    std::atomic<bool> interrupterDone(false);
+    mwtest::Latch ready(workers);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < workers; ++i) {
+        threads.emplace_back([&, i] {
+            const mw::Thread* self = mw::Thread::currentThread();
+            selves[i].store(self);
+            self->interrupt();
+            ready.countDown();
+            std::mt19937 rng(seed + static_cast<unsigned>(i));
+            body(i, rng, true);
+            loudDone += 1;
+            while (!interrupterDone.load()) std::this_thread::yield();
+            mw::Thread::interrupted();
+            body(i, rng, false);
+            quietDone += 1;
+        });
+    }
+    std::thread interrupter([&] {
+        ready.wait();
+        std::mt19937 rng(seed - 1);
+        while (loudDone.load() < workers) {
+            selves[rng() % workers].load()->interrupt();
+            std::this_thread::sleep_for(std::chrono::microseconds(rng() % 300));  // pacing only
+        }
+        interrupterDone = true;
+    });
+    // Polls without taking a core from the threads under test.
+    auto end = std::chrono::steady_clock::now() + std::chrono::minutes(2) * mwtest::stressScale();
+    while (quietDone.load() < workers) {
+        if (std::chrono::steady_clock::now() > end) {
+            std::fprintf(stderr, "%s: threads still blocked; aborting\n", what);
+            std::abort();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    interrupter.join();
+    for (std::thread& t : threads) t.join();
+}
+
+// Plain, interruptible, barging and timed acquisitions at random, now and then a reentrant one on
+// top: the entries counted outside match a counter kept under the lock alone, and the lock ends
+// free with an empty queue.
 template <typename Policy>
+void runMutualExclusion(int threads, int rounds) {
+    Policy lock;
+    long counter = 0;  // guarded by lock alone
+    std::atomic<long> entered(0), badReentries(0);
+    runWithInterrupts(threads, [&](int, std::mt19937& rng, bool) {
+        for (int i = 0; i < rounds / 2; ++i) {
+            bool held = true;
+            const unsigned form = rng() % 4;
+            auto take = [&] {
+                if (form == 0) lock.lock();
+                if (form == 1) lock.acquireInterruptibly(1);
+                if (form == 2) held = lock.nonfairTryAcquire(1);
+                if (form == 3) held = lock.tryAcquireNanos(1, rng() % 4 ? rng() % 200000 : 0);
+            };
+            if (mwtest::interruptedOut(take) || !held) continue;
+            long seen = counter;
+            if (rng() % 8 == 0) std::this_thread::yield();
+            counter = seen + 1;
+            entered += 1;
+            if (rng() % 5 == 0) badReentries += !lock.nonfairTryAcquire(1) || lock.release(1);
+            lock.release(1);
+        }
+    });
+    EXPECT_EQ(entered.load(), counter);
+    EXPECT_EQ(0, badReentries.load());
+    EXPECT_FALSE(lock.isLocked());
+    EXPECT_FALSE(lock.hasQueuedThreads());
+    EXPECT_EQ(0u, lock.getQueueLength());
+}
+
+TEST(LockStress, NonFairTwoThreadsManyRounds) {
+    runMutualExclusion<mw::NonFairLockPolicy>(2, 60000 * mwtest::stressScale());
+}
+TEST(LockStress, NonFairEightThreads) {
+    runMutualExclusion<mw::NonFairLockPolicy>(8, 15000 * mwtest::stressScale());
+}
+TEST(LockStress, FairFourThreads) {
+    runMutualExclusion<mw::FairLockPolicy>(4, 20000 * mwtest::stressScale());
+}
+
+// A bounded buffer's monitor on a lock with a condition for each side. One signal per item, not a
+// broadcast, so that interrupts and time-outs race with signals in flight.
+template <typename Policy, bool timed>
 struct LockChannel {
-    typedef std::lock_guard<mw::ReentrantLock<Policy>> Scope;
-    mw::ReentrantLock<Policy> lock;
-    std::unique_ptr<mw::Condition> notFull{lock.newCondition()}, notEmpty{lock.newCondition()};
-    void await(bool forSpace) { (forSpace ? notFull : notEmpty)->await(); }
+    typedef std::lock_guard<LockChannel> Scope;
+    Policy sync;
+    std::unique_ptr<ConditionObject> notFull{sync.newCondition()}, notEmpty{sync.newCondition()};
+    void lock() { sync.lock(); }
+    void unlock() { sync.release(1); }
+    void await(bool forSpace, std::mt19937& rng) {
+        const ConditionObject& c = forSpace ? *notFull : *notEmpty;
+        timed ? static_cast<void>(c.awaitNanos(static_cast<long long>(rng() % 500) * 1000))
+              : c.await();
+    }
     void signal(bool space, bool all) {
-        mw::Condition& c = space ? *notFull : *notEmpty;
+        const ConditionObject& c = space ? *notFull : *notEmpty;
         all ? c.broadcast() : c.signal();
     }
-    unsigned long long waiters() {
-        Scope scope(lock);
-        return lock.getWaitQueueLength(notFull.get()) + lock.getWaitQueueLength(notEmpty.get());
+    void expectReset() {
+        EXPECT_FALSE(sync.isLocked());
+        EXPECT_FALSE(sync.hasQueuedThreads());
+        Scope scope(*this);
+        EXPECT_EQ(0u,
+                  sync.getWaitQueueLength(notFull.get()) + sync.getWaitQueueLength(notEmpty.get()));
     }
 };
 
-// The same on an Object: one condition for both sides, so every change wakes every waiter.
+// The same on an Object: one wait set for both sides, so every change wakes every waiter.
 struct MonitorChannel {
     typedef mw::Guard Scope;
-    mw::Object lock;
-    void await(bool) { lock.wait(0, 0); }
-    void signal(bool, bool) { lock.notifyAll(); }
-    unsigned long long waiters() { return 0; }
+    mw::Object monitor;
+    operator const mw::Object&() const { return monitor; }
+    void await(bool, std::mt19937&) { monitor.wait(0, 0); }
+    void signal(bool, bool) { monitor.notifyAll(); }
+    void expectReset() {
+        mwtest::WorkerThread entrant([this] { Scope scope(monitor); });
+        EXPECT_TRUE(entrant.awaitFinished());
+    }
 };
 
-// Producers put the numbers 1..total through a ring of four, consumers take them; the main thread
-// interrupts random workers as the items move. A waiter that gets InterruptedException holds the
-// monitor again and simply tests its condition anew. Each worker also starts with an interrupt
-// pending, so that interrupts are met even when the main thread gets no turn before the run
-// ends. Every item must arrive exactly once, and the monitor must be left free with nobody
-// waiting.
+// Producers put numbered items through a ring of four, consumers take them, in each round. A
+// waiter that gets InterruptedException holds the monitor again and tests its condition anew.
+// Every item must arrive exactly once, and the monitor must be left free with nobody waiting.
 template <typename Channel>
-void runBoundedBuffer(int producers, int consumers) {
-    const int capacity = 4, perProducer = 10000 * mwtest::stressScale();
-    const long long total = static_cast<long long>(producers) * perProducer;
+void runBoundedBuffer() {
+    const int producers = 2, consumers = 2, capacity = 4;
+    const long long items = 10000 * mwtest::stressScale();  // per producer in the loud round
     Channel channel;
     long long ring[capacity], taken = 0;  // ring, head, count and taken: guarded by the channel
     int head = 0, count = 0;
-    std::atomic<long long> takenSum(0), moves(0), interrupts(0);
-    std::atomic<int> finished(0);
-    auto await = [&](bool forSpace) {
-        try {
-            channel.await(forSpace);
-        } catch (const mw::InterruptedException&) {
-            interrupts.fetch_add(1);
-        }
+    std::vector<char> seen(producers * (items + items / 10), 0);
+    std::atomic<long> duplicates(0), interrupts(0);
+    auto await = [&](bool forSpace, std::mt19937& rng) {
+        interrupts += mwtest::interruptedOut([&] { channel.await(forSpace, rng); });
     };
-    Workers workers;
-    for (int p = 0; p < producers; ++p) {
-        workers.emplace_back(new WorkerThread([&, p] {
-            mw::Thread::currentThread()->interrupt();
-            for (long long i = 1; i <= perProducer; ++i, moves.fetch_add(1)) {
-                typename Channel::Scope scope(channel.lock);
-                while (count == capacity) await(true);
-                ring[(head + count++) % capacity] = p * static_cast<long long>(perProducer) + i;
-                channel.signal(false, false);
-            }
-            finished.fetch_add(1);
-        }));
-    }
-    for (int c = 0; c < consumers; ++c) {
-        workers.emplace_back(new WorkerThread([&] {
-            mw::Thread::currentThread()->interrupt();
-            for (;; moves.fetch_add(1)) {
-                typename Channel::Scope scope(channel.lock);
-                while (count == 0 && taken < total) await(false);
-                if (count == 0) break;
-                takenSum.fetch_add(ring[head]);
-                head = (head + 1) % capacity;
-                --count;
-                if (++taken == total) channel.signal(false, true);  // consumers that wait in vain
-                channel.signal(true, false);
-            }
-            finished.fetch_add(1);
-        }));
-    }
-    const int all = producers + consumers;
-    auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::minutes(2) * mwtest::stressScale();
-    std::mt19937 random(12345u);
-    while (finished.load() < all && std::chrono::steady_clock::now() < deadline) {
-        workers[random() % all]->self()->interrupt();
-        // Let the items move on between interrupts, so that the run makes progress.
-        long long until = moves.load() + 1 + static_cast<long long>(random() % 16);
-        while (moves.load() < until && finished.load() < all) std::this_thread::yield();
-    }
-    workers.clear();  // joining a worker that is still blocked ends the process
-    EXPECT_EQ(total, taken);
-    EXPECT_EQ(total * (total + 1) / 2, takenSum.load());
+    runWithInterrupts(producers + consumers, [&](int id, std::mt19937& rng, bool loud) {
+        const long long n = loud ? items : items / 10, base = loud ? 0 : producers * items;
+        const long long target = base + producers * n;
+        for (long long i = 0; id < producers && i < n; ++i) {
+            typename Channel::Scope scope(channel);
+            while (count == capacity) await(true, rng);
+            ring[(head + count++) % capacity] = base + id * n + i;
+            channel.signal(false, false);
+        }
+        while (id >= producers) {
+            typename Channel::Scope scope(channel);
+            while (count == 0 && taken < target) await(false, rng);
+            if (count == 0) return;
+            duplicates += seen[ring[head]]++ != 0;
+            head = (head + 1) % capacity;
+            --count;
+            if (++taken == target) channel.signal(false, true);  // consumers that wait in vain
+            channel.signal(true, false);
+        }
+    });
+    EXPECT_EQ(static_cast<long long>(seen.size()), taken);
+    EXPECT_EQ(0, duplicates.load());
     EXPECT_GT(interrupts.load(), 0);
-    WorkerThread entrant([&] { typename Channel::Scope scope(channel.lock); });
-    EXPECT_TRUE(entrant.awaitFinished());
-    EXPECT_EQ(0u, channel.waiters());
+    channel.expectReset();
 }
 
-TEST(LockStress, BoundedBufferOnNonFairLockWithInterrupts) {
-    runBoundedBuffer<LockChannel<mw::NonFairLockPolicy>>(2, 2);
+TEST(ConditionStress, BoundedBufferOnNonFairLock) {
+    runBoundedBuffer<LockChannel<mw::NonFairLockPolicy, false>>();
 }
-
-TEST(LockStress, BoundedBufferOnFairLockWithInterrupts) {
-    runBoundedBuffer<LockChannel<mw::FairLockPolicy>>(2, 2);
+TEST(ConditionStress, BoundedBufferOnFairLock) {
+    runBoundedBuffer<LockChannel<mw::FairLockPolicy, false>>();
 }
-
-TEST(LockStress, BoundedBufferOnObjectMonitorWithInterrupts) {
-    runBoundedBuffer<MonitorChannel>(2, 2);
+TEST(ConditionStress, BoundedBufferWithTimeoutsOnNonFairLock) {
+    runBoundedBuffer<LockChannel<mw::NonFairLockPolicy, true>>();
 }
+TEST(ConditionStress, BoundedBufferWithTimeoutsOnFairLock) {
+    runBoundedBuffer<LockChannel<mw::FairLockPolicy, true>>();
+}
+TEST(ConditionStress, BoundedBufferOnObjectMonitor) { runBoundedBuffer<MonitorChannel>(); }
 
-// Threads increment a plain counter under the lock, entering by each of its ways in turn, and
-// now and then a second time over. A lost increment (or, under TSan, a data race) is a failure.
-template <typename Policy>
-void runMutualExclusion(int threads) {
-    const int rounds = 30000 * mwtest::stressScale();
-    mw::ReentrantLock<Policy> lock;
-    long long counter = 0;  // plain: only the lock protects it
-    mwtest::Latch start(threads);
-    Workers workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back(new WorkerThread([&] {
-            start.arriveAndWait();
-            for (int r = 0; r < rounds; ++r) {
-                if (r % 3 == 0) {
-                    lock.lock();
-                } else if (r % 3 == 1) {
-                    lock.lockInterruptibly();
-                } else {
-                    while (!lock.tryLock(10, mw::TimeUnit::SECONDS())) {
-                    }
-                }
-                ++counter;
-                if (r % 5 == 0 && lock.tryLock()) {
-                    ++counter;
-                    lock.unlock();
-                }
-                lock.unlock();
+// Timed waits with tiny time-outs race a signaller and the interrupter. A wait reports a signal
+// exactly when a signal moved its node, and signal and report both happen under the hold, so the
+// reports may never outnumber the signals given so far. The quiet round waits without a time-out,
+// so a node that the races have lost from the list shows as a hang.
+TEST(ConditionStress, SignalRacesTimeoutsAndInterrupts) {
+    const int waiters = 4, rounds = 1500 * mwtest::stressScale();
+    mw::NonFairLockPolicy lock;
+    std::unique_ptr<ConditionObject> c(lock.newCondition());
+    long signals = 0, reported = 0, excess = 0;  // guarded by lock
+    std::atomic<int> notHeld(0), waitersDone(0);
+    std::thread signaller([&] {
+        while (waitersDone.load() < waiters) {
+            lock.lock();
+            if (lock.hasWaiters(c.get())) {
+                c->signal();
+                ++signals;
             }
-        }));
-    }
-    workers.clear();
-    EXPECT_EQ(static_cast<long long>(threads) * (rounds + (rounds + 4) / 5), counter);
-    EXPECT_FALSE(lock.isLocked());
+            lock.release(1);
+            std::this_thread::yield();
+        }
+    });
+    runWithInterrupts(waiters, [&](int, std::mt19937& rng, bool loud) {
+        for (int i = 0; i < (loud ? rounds : rounds / 10); ++i) {
+            lock.lock();
+            bool signalled = false;
+            mwtest::interruptedOut([&] {
+                if (!loud) {
+                    c->await();
+                    signalled = true;
+                } else if (rng() % 2 == 0) {
+                    signalled = c->await(rng() % 200, mw::TimeUnit::MICROSECONDS());
+                } else {
+                    signalled = c->awaitUntil(mw::TimeUtil::milliTime() + rng() % 2);
+                }
+            });
+            if (signalled && ++reported > signals) ++excess;
+            notHeld += lock.getHoldCount() != 1;
+            lock.release(1);
+        }
+        if (!loud) waitersDone += 1;
+    });
+    signaller.join();
+    EXPECT_EQ(0, excess);
+    EXPECT_EQ(0, notHeld.load());
+    EXPECT_FALSE(lock.hasQueuedThreads());
 }
-
-TEST(LockStress, MutualExclusionOnNonFairLock) { runMutualExclusion<mw::NonFairLockPolicy>(4); }
-
-TEST(LockStress, MutualExclusionOnFairLock) { runMutualExclusion<mw::FairLockPolicy>(4); }
 
 }  // namespace

@@ -94,12 +94,7 @@ TEST(ParkInterruptStress, EveryInterruptEndsAnUnlimitedPark) {
     int interruptsSeen = 0;
     int ended = runWakeRounds(
         [&] {
-            try {
-                wall.acquireInterruptibly(1);
-                ADD_FAILURE() << "the wall was acquired";
-            } catch (const mw::InterruptedException&) {
-                ++interruptsSeen;
-            }
+            interruptsSeen += mwtest::interruptedOut([&] { wall.acquireInterruptibly(1); });
             EXPECT_FALSE(Thread::currentThread()->isInterrupted());
         },
         [](const Thread* worker) { worker->interrupt(); });

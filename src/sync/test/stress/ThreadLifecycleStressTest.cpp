@@ -33,7 +33,6 @@ const long long HOUR_NS = 3600LL * 1000 * 1000000;
 // three are left only by an interrupt; the others by acquiring, a signal, a notification or a
 // time-out.
 enum Primitive { GATE, DEAF, CELL, BUSY, BELL, ROOM, PRIMITIVES };
-const int WAITS = 2 * PRIMITIVES;
 
 bool onlyAnInterruptEnds(int wait) { return wait / 2 < BUSY; }
 
@@ -114,8 +113,9 @@ void waitOnce(Scene& scene, int wait, unsigned seed) {
     }
 }
 
-struct VictimTask : mw::Runnable {
-    VictimTask(Scene& scene, int wait, unsigned seed) : scene(scene), wait(wait), seed(seed) {}
+// Waits once, then leaves the live count; done tells the reaper that its thread may be joined.
+struct Victim : mw::Runnable {
+    Victim(Scene& scene, int wait, unsigned seed) : scene(scene), wait(wait), seed(seed) {}
     void run() override {
         waitOnce(scene, wait, seed);
         scene.live.fetch_sub(1);
@@ -125,25 +125,20 @@ struct VictimTask : mw::Runnable {
     const int wait;
     const unsigned seed;
     std::atomic<bool> done{false};
+    std::unique_ptr<Thread> owned;  // an owned victim's; an adopted one runs on a std::thread
+    Watched* watched = nullptr;
+    std::thread adopted;
 };
 
 class SelfDeletingVictim : public Thread {
 public:
     SelfDeletingVictim(Scene& scene, int wait, unsigned seed)
-        : Thread(true, "self-deleting victim"), m_task(scene, wait, seed) {}
-    ~SelfDeletingVictim() override { m_task.scene.selfDeletingFreed.fetch_add(1); }
-    void run() override { m_task.run(); }
+        : Thread(true, "self-deleting victim"), m_victim(scene, wait, seed) {}
+    ~SelfDeletingVictim() override { m_victim.scene.selfDeletingFreed.fetch_add(1); }
+    void run() override { m_victim.run(); }
 
 private:
-    VictimTask m_task;
-};
-
-// An owned victim has a Thread; an adopted one a std::thread.
-struct Victim {
-    std::unique_ptr<VictimTask> task;
-    std::unique_ptr<Thread> thread;
-    Watched* watched = nullptr;
-    std::thread adopted;
+    Victim m_victim;
 };
 
 // A stall is a thread that its wake-up never reached: it can be neither joined nor left behind.
@@ -245,7 +240,7 @@ public:
     Spawner(Scene& scene, unsigned seed) : m_scene(scene), m_random(seed) {}
 
     void spawn() {
-        const int wait = static_cast<int>(m_random() % WAITS);
+        const int wait = static_cast<int>(m_random() % (2 * PRIMITIVES));
         const unsigned seed = static_cast<unsigned>(m_random());
         const int carrier = static_cast<int>(m_random() % CARRIERS);
         m_scene.live.fetch_add(1);
@@ -255,15 +250,14 @@ public:
             if (!started(*thread, wait)) delete thread;  // else it may be gone already
             return;
         }
-        Victim victim;
-        victim.task.reset(new VictimTask(m_scene, wait, seed));
+        std::unique_ptr<Victim> victim(new Victim(m_scene, wait, seed));
         if (carrier == ADOPTED) {
-            victim.adopted = std::thread([task = victim.task.get()] { task->run(); });
+            victim->adopted = std::thread([v = victim.get()] { v->run(); });
             m_scene.interruptOnly += onlyAnInterruptEnds(wait);
         } else {
-            victim.thread.reset(new Thread(victim.task.get(), "owned victim"));
-            victim.watched = watch(m_scene, victim.thread.get());
-            if (!started(*victim.thread, wait)) return unwatch(m_scene, victim.watched);
+            victim->owned.reset(new Thread(victim.get(), "owned victim"));
+            victim->watched = watch(m_scene, victim->owned.get());
+            if (!started(*victim->owned, wait)) return unwatch(m_scene, victim->watched);
         }
         m_victims.push_back(std::move(victim));
     }
@@ -271,10 +265,10 @@ public:
     // Joins and frees the victims whose wait is over.
     void reap(bool all) {
         for (std::size_t i = m_victims.size(); i-- > 0;) {
-            Victim& victim = m_victims[i];
-            if (!all && !victim.task->done.load()) continue;
+            Victim& victim = *m_victims[i];
+            if (!all && !victim.done.load()) continue;
             unwatch(m_scene, victim.watched);
-            if (victim.thread) victim.thread->join();
+            if (victim.owned) victim.owned->join();
             if (victim.adopted.joinable()) victim.adopted.join();
             m_victims.erase(m_victims.begin() + static_cast<std::ptrdiff_t>(i));
         }
@@ -297,7 +291,7 @@ private:
 
     Scene& m_scene;
     std::minstd_rand m_random;
-    std::vector<Victim> m_victims;
+    std::vector<std::unique_ptr<Victim>> m_victims;
 };
 
 TEST(ThreadLifecycleStress, ShortLivedThreadsEndingUnderInterruptsSignalsAndInspection) {

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "TestSupport.h"
+#include "concurrent/InterruptedException.h"
 #include "concurrent/Runnable.h"
 #include "concurrent/Thread.h"
 
@@ -28,6 +29,17 @@ public:
 private:
     std::function<void()> m_body;
 };
+
+// Runs action; true if an InterruptedException ended it.
+template <typename Action>
+bool interruptedOut(Action action) {
+    try {
+        action();
+    } catch (const mw::InterruptedException&) {
+        return true;
+    }
+    return false;
+}
 
 class WorkerThread {
 public:

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <climits>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,6 +15,7 @@
 namespace {
 
 using mwtest::finishes;
+using mwtest::interruptedOut;
 using mwtest::TestMutex;
 using mwtest::throwsWith;
 using mwtest::WorkerThread;
@@ -24,23 +24,18 @@ typedef std::function<bool(const ConditionObject&)> WaitForm;  // true: a signal
 
 const long long MS = 1000000LL;
 
-// Every wait form; all but the first give up on an interrupt.
-const WaitForm WAITS[] = {
-    [](const ConditionObject& c) {
-        c.awaitUninterruptibly();
-        return true;
-    },
-    [](const ConditionObject& c) {
-        c.await();
-        return true;
-    },
-    [](const ConditionObject& c) { return c.await(30, mw::TimeUnit::SECONDS()); },
-    [](const ConditionObject& c) { return c.awaitNanos(30000 * MS) > 0; },
-    [](const ConditionObject& c) { return c.awaitUntil(mw::TimeUtil::milliTime() + 30000); }};
-// The operation of each form, as a refusal's report names it.
-const char* const WAIT_NAMES[] = {"ConditionObject::awaitUninterruptibly", "ConditionObject::await",
-                                  "ConditionObject::await", "ConditionObject::awaitNanos",
-                                  "ConditionObject::awaitUntil"};
+// Every wait form, under the operation that a refusal's report names; all but the first give up
+// on an interrupt.
+const std::pair<const char*, WaitForm> WAITS[] = {
+    {"ConditionObject::awaitUninterruptibly",
+     [](const ConditionObject& c) { return c.awaitUninterruptibly(), true; }},
+    {"ConditionObject::await", [](const ConditionObject& c) { return c.await(), true; }},
+    {"ConditionObject::await",
+     [](const ConditionObject& c) { return c.await(30, mw::TimeUnit::SECONDS()); }},
+    {"ConditionObject::awaitNanos",
+     [](const ConditionObject& c) { return c.awaitNanos(30000 * MS) > 0; }},
+    {"ConditionObject::awaitUntil",
+     [](const ConditionObject& c) { return c.awaitUntil(mw::TimeUtil::milliTime() + 30000); }}};
 
 const mw::Thread* me() { return mw::Thread::currentThread(); }
 
@@ -65,12 +60,7 @@ TEST(Condition, SignalTransfersTheLongestLiveWaiterOnly) {
     for (int id = 1; id <= 4; ++id) {
         w.emplace_back(new WorkerThread([&, id] {
             m.acquire(2);
-            try {
-                c.await();
-                back.push_back(id);
-            } catch (const mw::InterruptedException&) {
-                back.push_back(-id);
-            }
+            back.push_back(interruptedOut([&] { c.await(); }) ? -id : id);
             if (m.state() != 2 || me()->isInterrupted()) unsound += 1;
             m.release(2);
         }));
@@ -153,7 +143,7 @@ TEST(Condition, TimedWaitsReportTimeOutsAndSignals) {
             }));
         }
     });
-    for (const WaitForm& wait : WAITS) EXPECT_TRUE(wait(c));
+    for (const auto& wait : WAITS) EXPECT_TRUE(wait.second(c));
     EXPECT_EQ(1, m.state());
     m.unlock();
     EXPECT_TRUE(signaller.awaitFinished());
@@ -163,8 +153,9 @@ TEST(Condition, TimedWaitsReportTimeOutsAndSignals) {
 // but only with the whole hold back and the flag clear; one after the signal ends the wait
 // normally with the flag set. An uninterruptible wait keeps waiting for its signal.
 TEST(Condition, InterruptBeforeOrAfterTheSignal) {
-    for (const WaitForm& wait : WAITS) {
-        const bool interruptible = &wait != &WAITS[0];
+    for (const auto& form : WAITS) {
+        const WaitForm& wait = form.second;
+        const bool interruptible = &form != &WAITS[0];
         TestMutex m;
         ConditionObject c = m.newCondition();
         m.lock();
@@ -183,11 +174,7 @@ TEST(Condition, InterruptBeforeOrAfterTheSignal) {
             std::atomic<bool> sound(false);
             WorkerThread waiter([&] {
                 m.acquire(2);
-                try {
-                    outcome = wait(c) ? 1 : 2;
-                } catch (const mw::InterruptedException&) {
-                    outcome = -1;
-                }
+                if (interruptedOut([&] { outcome = wait(c) ? 1 : 2; })) outcome = -1;
                 sound = m.state() == 2 && mw::Thread::interrupted() == signalled;
                 m.release(2);
             });
@@ -220,10 +207,8 @@ TEST(Condition, InterruptBeforeOrAfterTheSignal) {
 // state and asks nothing to be released. Null and foreign conditions are refused before anything
 // asks who holds the synchronizer.
 TEST(Condition, MisuseIsRefusedAndChangesNothing) {
-    TestMutex m;
-    TestMutex other;
-    ConditionObject c = m.newCondition();
-    ConditionObject foreign = other.newCondition();
+    TestMutex m, other;
+    ConditionObject c = m.newCondition(), foreign = other.newCondition();
     const std::string aqs = "AbstractQueuedSynchronizer::";
     EXPECT_TRUE(throwsWith<mw::NullPointerException>([&] { m.owns(nullptr); }, "", aqs + "owns"));
     EXPECT_TRUE(throwsWith<mw::NullPointerException>([&] { m.hasWaiters(nullptr); }, "",
@@ -238,10 +223,7 @@ TEST(Condition, MisuseIsRefusedAndChangesNothing) {
         {"ConditionObject::broadcast", [&] { c.broadcast(); }},
         {aqs + "hasWaiters", [&] { m.hasWaiters(&c); }},
         {aqs + "getWaitQueueLength", [&] { m.getWaitQueueLength(&c); }}};
-    for (size_t i = 0; i < std::size(WAITS); ++i) {
-        const WaitForm& wait = WAITS[i];
-        refused.emplace_back(WAIT_NAMES[i], [&c, &wait] { wait(c); });
-    }
+    for (const auto& form : WAITS) refused.emplace_back(form.first, [&] { form.second(c); });
     auto strangerIsRefused = [&] {
         long releaseCalls = m.releaseCalls();
         WorkerThread stranger([&] {

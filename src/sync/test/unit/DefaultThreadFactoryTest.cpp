@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "TestSupport.h"
+#include "WorkerThread.h"
 #include "concurrent/Concurrent.h"
 
 namespace {
@@ -34,18 +34,13 @@ Name create(mw::DefaultThreadFactory& factory) {
     return parse(*thread);
 }
 
-struct Flag : mw::Runnable {
-    std::atomic<bool> ran{false};
-    void run() override { ran.store(true); }
-};
-
 // Pools are numbered in the order of construction, threads from 1 per pool, both in plain decimal
-// (the twelfth thread is "-thread-12"); the threads are made unstarted for the task.
-TEST(DefaultThreadFactory, NumbersPoolsInConstructionOrderAndThreadsFromOne) {
-    mw::DefaultThreadFactory first;
-    mw::DefaultThreadFactory second;
-    Name a = create(first);
-    Name b = create(second);
+// (the twelfth thread is "-thread-12"). A copy, by construction or assignment, takes the prefix and
+// the current number and then counts on its own; it takes no pool number. The assignment is checked
+// apart: it is written by hand. The threads are made unstarted, for the task.
+TEST(DefaultThreadFactory, NumbersPoolsAndThreadsAndCopiesCountOnFromTheCopiedNumber) {
+    mw::DefaultThreadFactory first, second;
+    Name a = create(first), b = create(second);
     EXPECT_GE(a.pool, 1u);
     EXPECT_EQ(a.pool + 1, b.pool);
     EXPECT_EQ(1u, a.thread);
@@ -57,34 +52,26 @@ TEST(DefaultThreadFactory, NumbersPoolsInConstructionOrderAndThreadsFromOne) {
     }
     EXPECT_EQ(2u, create(second).thread);
 
-    // What it gives has not been started, and runs its task once started.
-    Flag task;
+    mw::DefaultThreadFactory copy(first), assigned;
+    EXPECT_EQ(b.pool + 1, create(assigned).pool) << "the copy took a pool number";
+    assigned = first;
+    mw::DefaultThreadFactory later;
+    EXPECT_EQ(b.pool + 2, create(later).pool) << "the assignment took a pool number";
+    for (mw::DefaultThreadFactory* factory : {&first, &copy, &assigned}) {
+        Name name = create(*factory);
+        EXPECT_EQ(a.pool, name.pool);
+        EXPECT_EQ(13u, name.thread) << "a shared or a lost count";
+    }
+
+    std::atomic<bool> ran{false};
+    mwtest::Task task([&] { ran.store(true); });
     std::unique_ptr<mw::Thread> thread(first.createThread(&task));
     EXPECT_EQ(0u, thread->getId());
     EXPECT_FALSE(thread->isAlive());
-    EXPECT_FALSE(task.ran.load());
+    EXPECT_FALSE(ran.load());
     thread->start();
     thread->join();
-    EXPECT_TRUE(task.ran.load());
-}
-
-// A copy, by construction or assignment, takes the prefix and the current number and then counts
-// on its own; it takes no pool number. The assignment is checked apart: it is written by hand.
-TEST(DefaultThreadFactory, CopiesContinueFromTheCopiedNumberWithTheSamePrefix) {
-    mw::DefaultThreadFactory source;
-    const unsigned pool = create(source).pool;
-    create(source);
-    mw::DefaultThreadFactory copy(source);
-    mw::DefaultThreadFactory assigned;
-    EXPECT_EQ(pool + 1, create(assigned).pool) << "the copy took a pool number";
-    assigned = source;
-    mw::DefaultThreadFactory later;
-    EXPECT_EQ(pool + 2, create(later).pool) << "the assignment took a pool number";
-    for (mw::DefaultThreadFactory* factory : {&source, &copy, &assigned}) {
-        Name name = create(*factory);
-        EXPECT_EQ(pool, name.pool);
-        EXPECT_EQ(3u, name.thread) << "a shared or a lost count";
-    }
+    EXPECT_TRUE(ran.load());
 }
 
 // Threads that create at once on one factory, and construct factories at once, each get numbers

@@ -97,11 +97,10 @@ TEST(ObjectMonitor, WaitersUnderNestedGuardsAreNotifiedInOrderOrInterrupted) {
                 mw::Guard outer(monitor);
                 {
                     mw::Guard inner(monitor);
-                    try {
-                        monitor.wait(i == 3 ? 60000 : 0, 0);
+                    if (!mwtest::interruptedOut([&] { monitor.wait(i == 3 ? 60000 : 0, 0); })) {
                         order[back.fetch_add(1)].store(i);
-                    } catch (const mw::InterruptedException&) {
-                        if (!mw::Thread::currentThread()->isInterrupted()) interrupted.fetch_add(1);
+                    } else if (!mw::Thread::currentThread()->isInterrupted()) {
+                        interrupted.fetch_add(1);
                     }
                 }
                 if (!holds(monitor)) holdsRight.store(false);

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,9 +53,9 @@ TYPED_TEST(ReentrantLockTest, HoldCountFollowsNestedLocksAndUnlockNeedsAHold) {
     EXPECT_EQ(0u, lock.getHoldCount());
 }
 
-// Another thread holds the lock twice. This thread's attempts fail without queueing; then five
-// waiters queue in index order; 1 and 3 are interrupted out of the queue, and the release must
-// hand the lock to 0, 2 and 4 in that order.
+// Another thread holds the lock twice, so this thread's untimed attempt fails (the synchronizer's
+// tests show timed ones failing in time); then five waiters queue in index order; 1 and 3 are
+// interrupted out of the queue, and the release must hand the lock to 0, 2 and 4 in that order.
 TYPED_TEST(ReentrantLockTest, ContendersQueueInOrderAndInterruptedOnesLeaveTheQueue) {
     TypeParam lock;
     std::atomic<unsigned long long> holdsAtRelease(0);
@@ -76,25 +75,19 @@ TYPED_TEST(ReentrantLockTest, ContendersQueueInOrderAndInterruptedOnesLeaveTheQu
     EXPECT_EQ(0u, lock.getHoldCount());
     EXPECT_FALSE(lock.isHeldByCurrentThread());
     EXPECT_FALSE(lock.tryLock());
-    EXPECT_FALSE(lock.tryLock(0, mw::TimeUnit::NANOSECONDS()));
-    EXPECT_FALSE(lock.tryLock(-1, mw::TimeUnit::SECONDS()));
-    EXPECT_GE(
-        mwtest::elapsed([&] { EXPECT_FALSE(lock.tryLock(50, mw::TimeUnit::MILLISECONDS())); }),
-        std::chrono::milliseconds(50));
     std::vector<std::unique_ptr<WorkerThread>> waiters;
     const int forms[5] = {0, 1, 2, 2, 1};  // lock(), lockInterruptibly(), tryLock(60 s)
     for (int i = 0; i < 5; ++i) {
         waiters.emplace_back(new WorkerThread([&, i] {
-            try {
+            bool threw = mwtest::interruptedOut([&] {
                 if (forms[i] == 0) lock.lock();
                 if (forms[i] == 1) lock.lockInterruptibly();
                 if (forms[i] == 2 && !lock.tryLock(60, mw::TimeUnit::SECONDS())) return;
                 if (lock.getHoldCount() == 1) order[next.fetch_add(1)].store(i);
                 lock.unlock();
-            } catch (const mw::InterruptedException&) {
-                if (!lock.isHeldByCurrentThread() && !mw::Thread::currentThread()->isInterrupted())
-                    cleanInterrupts.fetch_add(1);
-            }
+            });
+            cleanInterrupts += threw && !lock.isHeldByCurrentThread() &&
+                               !mw::Thread::currentThread()->isInterrupted();
         }));
         ASSERT_TRUE(waiters.back()->awaitParked());
     }

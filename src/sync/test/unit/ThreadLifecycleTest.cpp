@@ -71,11 +71,6 @@ void expectNoPriority(Thread& thread) {
     EXPECT_EQ(PRIORITY_ERROR, thread.getPriority());
 }
 
-template <typename Call>
-milliseconds timed(Call call) {
-    return std::chrono::duration_cast<milliseconds>(mwtest::elapsed(call));
-}
-
 // A thread that should end at once but still runs after a minute can be neither joined nor left.
 void joinOrAbort(std::thread& thread, const std::atomic<bool>& done, const char* what) {
     if (!mwtest::eventually([&] { return done.load(); }, seconds(60))) {
@@ -85,32 +80,32 @@ void joinOrAbort(std::thread& thread, const std::atomic<bool>& done, const char*
     thread.join();
 }
 
-// Never started: TERMINATED, no id, nothing to wait for or prioritise. Then RUNNING from the return
-// of start, PARKED on a lock, TIMED_PARKED in a timed wait, RUNNING, and TERMINATED for good;
-// inside run currentThread is the started object with the OS's id. On Linux terminate is refused
-// and changes nothing.
-TEST(ThreadLifecycle, StateFollowsTheThreadFromNeverStartedToItsEnd) {
+// Never started: TERMINATED, no id, nothing to wait for or prioritise. Started: RUNNING from the
+// return of start, alive also while parked, currentThread inside is the object, with the OS's id;
+// priorities are the OS's numbers (Linux: the nice value, -20 to 19). A join waits its full limit,
+// of which only the low 32 bits count; join() returns after the end, a limited join by the end.
+// Ended: TERMINATED for good, and on Linux no priority. Linux refuses terminate.
+TEST(ThreadLifecycle, StateJoinAndPriorityFollowTheThreadFromNeverStartedToItsEnd) {
     Thread idle;
     EXPECT_EQ(Thread::TERMINATED, idle.getState());
     EXPECT_FALSE(idle.isAlive());
     EXPECT_EQ(0u, idle.getId());
-    EXPECT_LT(timed([&] { idle.join(); }), seconds(10));
-    EXPECT_LT(timed([&] { idle.join(60000); }), seconds(10));
+    EXPECT_LT(mwtest::elapsed([&] { idle.join(); }), seconds(10));
+    EXPECT_LT(mwtest::elapsed([&] { idle.join(60000); }), seconds(10));
     expectNoPriority(idle);
 
     Lock lock;
-    std::unique_ptr<mw::Condition> condition(lock.newCondition());
-    Release toLock, toEnd;
+    Release toLock;
     std::atomic<const Thread*> current{nullptr};
     std::atomic<unsigned long> idInside{0};
+    std::atomic<bool> ended{false};
     Task body([&] {
         idInside.store(osThreadId());
         current.store(Thread::currentThread());
         toLock.await();
         lock.lock();
-        condition->awaitNanos(60 * 1000000000LL);
         lock.unlock();
-        toEnd.await();
+        ended.store(true);
     });
     Thread thread(&body, "lifecycle");
     lock.lock();
@@ -120,32 +115,61 @@ TEST(ThreadLifecycle, StateFollowsTheThreadFromNeverStartedToItsEnd) {
     ASSERT_TRUE(mwtest::eventually([&] { return current.load() != nullptr; }));
     EXPECT_EQ(&thread, current.load());
     EXPECT_EQ(idInside.load(), thread.getId());
-    EXPECT_NE(0u, thread.getId());
     EXPECT_TRUE(alreadyStarted(thread));
 #ifndef _WIN32
     EXPECT_THROW(idle.terminate(), mw::UnsupportedOperationException);
     EXPECT_THROW(thread.terminate(), mw::UnsupportedOperationException);
-    EXPECT_EQ(Thread::RUNNING, thread.getState());
-    EXPECT_GE(timed([&] { thread.join(50); }), milliseconds(50));
 #endif
-
+    EXPECT_GE(mwtest::elapsed([&] { thread.join(150); }), milliseconds(150));
+    EXPECT_LT(mwtest::elapsed([&] { thread.join(4294967296LL); }), seconds(10));
+    EXPECT_GE(mwtest::elapsed([&] { thread.join(4294967296LL + 120); }), milliseconds(120));
+    EXPECT_EQ(Thread::RUNNING, thread.getState());
+#ifdef _WIN32
+    const int accepted[] = {THREAD_PRIORITY_LOWEST, THREAD_PRIORITY_NORMAL,
+                            THREAD_PRIORITY_HIGHEST};
+    const int refused[] = {100};
+    auto osPriority = [&] { return thread.getPriority(); };
+#else
+    const int accepted[] = {5, geteuid() == 0 ? -3 : 6};
+    const int refused[] = {20, -21, 100};
+    auto osPriority = [&] {
+        errno = 0;
+        int value = getpriority(PRIO_PROCESS, static_cast<id_t>(thread.getId()));
+        return errno == 0 ? value : PRIORITY_ERROR;
+    };
+#endif
+    for (int priority : accepted) {
+        thread.setPriority(priority);
+        EXPECT_EQ(priority, thread.getPriority());
+        EXPECT_EQ(priority, osPriority());
+    }
+    for (int priority : refused) {
+        EXPECT_TRUE(throwsWith<mw::ThreadStateException>([&] { thread.setPriority(priority); },
+                                                         "could not set priority"));
+    }
+    EXPECT_EQ(accepted[std::size(accepted) - 1], thread.getPriority());
     toLock.open();
     EXPECT_TRUE(mwtest::eventually([&] { return thread.getState() == Thread::PARKED; }));
-    lock.unlock();
-    EXPECT_TRUE(mwtest::eventually([&] { return thread.getState() == Thread::TIMED_PARKED; }));
     EXPECT_TRUE(thread.isAlive());
-    lock.lock();
-    condition->signal();
     lock.unlock();
-    EXPECT_TRUE(mwtest::eventually([&] { return thread.getState() == Thread::RUNNING; }));
-
-    toEnd.open();
     thread.join();
+    EXPECT_TRUE(ended.load());
     EXPECT_EQ(Thread::TERMINATED, thread.getState());
     EXPECT_FALSE(thread.isAlive());
-    EXPECT_LT(timed([&] { thread.join(); }), seconds(10));
+    EXPECT_LT(mwtest::elapsed([&] { thread.join(); }), seconds(10));
     EXPECT_TRUE(alreadyStarted(thread));
     EXPECT_EQ(Thread::TERMINATED, thread.getState());
+#ifndef _WIN32
+    expectNoPriority(thread);  // an ended Win32 thread keeps its handle, and takes a priority
+#endif
+
+    Release toEnd;
+    Task shortBody([&] { toEnd.await(); });
+    Thread early(&shortBody);
+    early.start();
+    toEnd.open();
+    EXPECT_LT(mwtest::elapsed([&] { early.join(60000); }), seconds(30));
+    EXPECT_FALSE(early.isAlive());
 }
 
 // Of two starts at once one makes the thread and the other is refused; start returns only once the
@@ -158,13 +182,10 @@ TEST(ThreadLifecycle, ConcurrentStartsMakeOneThreadThatHasLeftNew) {
         mwtest::Latch line(2);
         auto starter = [&] {
             line.arriveAndWait();
-            if (alreadyStarted(thread)) {
-                refused.fetch_add(1);
-                return;
-            }
-            started.fetch_add(1);
-            Thread::State state = thread.getState();
-            if (state != Thread::RUNNING && state != Thread::TERMINATED) sawNew.fetch_add(1);
+            const bool won = !alreadyStarted(thread);
+            const Thread::State state = thread.getState();
+            (won ? started : refused).fetch_add(1);
+            if (won && state != Thread::RUNNING && state != Thread::TERMINATED) sawNew.fetch_add(1);
         };
         std::thread first(starter), second(starter);
         first.join();
@@ -181,7 +202,7 @@ TEST(ThreadLifecycle, ConcurrentStartsMakeOneThreadThatHasLeftNew) {
 // once: on its own adopted or started object, and on another thread's adopted object, whose handle
 // means "the calling thread" too.
 TEST(ThreadLifecycle, AdoptedObjectIsNeverStartedAndNoThreadWaitsForItself) {
-    auto selfJoin = [] { return timed([] { Thread::currentThread()->join(20000); }); };
+    auto selfJoin = [] { return mwtest::elapsed([] { Thread::currentThread()->join(20000); }); };
     Release toEnd;
     mwtest::WorkerThread worker([&] {
         EXPECT_LT(selfJoin(), seconds(10));
@@ -189,12 +210,12 @@ TEST(ThreadLifecycle, AdoptedObjectIsNeverStartedAndNoThreadWaitsForItself) {
     });
     Thread* adopted = const_cast<Thread*>(worker.self());
     EXPECT_TRUE(alreadyStarted(*adopted));
-    EXPECT_LT(timed([&] { adopted->join(20000); }), seconds(10));
+    EXPECT_LT(mwtest::elapsed([&] { adopted->join(20000); }), seconds(10));
     EXPECT_LT(selfJoin(), seconds(10));
     EXPECT_EQ(Thread::RUNNING, adopted->getState());
     toEnd.open();
 
-    milliseconds startedSelfJoin(0);
+    std::chrono::steady_clock::duration startedSelfJoin{};
     Task joinsItself([&] { startedSelfJoin = selfJoin(); });
     Thread started(&joinsItself);
     started.start();
@@ -221,77 +242,6 @@ TEST(ThreadLifecycle, RunThatThrowsEndsTheThreadInGoodOrder) {
         EXPECT_EQ(Thread::TERMINATED, thread.getState());
         EXPECT_TRUE(cleaned.load());
     }
-}
-
-// A limit is waited in full while the thread outlives it; only its low 32 bits count (2^32 ms is
-// 0, 2^32 + 120 ms is 120 ms). join(0) returns only after the end; a limited join returns by the
-// end of a thread that ends first.
-TEST(ThreadLifecycle, JoinWaitsItsFullLimitOrTheEndOfTheThread) {
-    Release toEnd;
-    std::atomic<bool> ended{false};
-    Task body([&] {
-        toEnd.await();
-        ended.store(true);
-    });
-    Thread thread(&body);
-    thread.start();
-    EXPECT_GE(timed([&] { thread.join(150); }), milliseconds(150));
-    EXPECT_TRUE(thread.isAlive());
-    EXPECT_LT(timed([&] { thread.join(4294967296LL); }), seconds(10));
-    EXPECT_GE(timed([&] { thread.join(4294967296LL + 120); }), milliseconds(120));
-    EXPECT_TRUE(thread.isAlive());
-    std::thread opener([&] { toEnd.open(); });
-    thread.join();
-    EXPECT_TRUE(ended.load());
-    EXPECT_EQ(Thread::TERMINATED, thread.getState());
-    opener.join();
-
-    Release toEndEarly;
-    Task shortBody([&] { toEndEarly.await(); });
-    Thread early(&shortBody);
-    early.start();
-    std::thread earlyOpener([&] { toEndEarly.open(); });
-    EXPECT_LT(timed([&] { early.join(60000); }), seconds(30));
-    EXPECT_FALSE(early.isAlive());
-    earlyOpener.join();
-}
-
-// The OS's own numbers: Win32 priorities; on Linux the kernel thread's nice value, -20 to 19, and
-// an ended thread is refused. Out of range is refused.
-TEST(ThreadLifecycle, PriorityIsTheOsOwnNumber) {
-    Release toEnd;
-    Task body([&] { toEnd.await(); });
-    Thread thread(&body);
-    thread.start();
-#ifdef _WIN32
-    const int accepted[] = {THREAD_PRIORITY_LOWEST, THREAD_PRIORITY_NORMAL,
-                            THREAD_PRIORITY_HIGHEST};
-    const int refused[] = {100};
-    auto osPriority = [&] { return thread.getPriority(); };
-#else
-    const int accepted[] = {5, geteuid() == 0 ? -3 : 6};
-    const int refused[] = {20, -21, 100};
-    auto osPriority = [&] {
-        errno = 0;
-        int value = getpriority(PRIO_PROCESS, static_cast<id_t>(thread.getId()));
-        return errno == 0 ? value : PRIORITY_ERROR;
-    };
-#endif
-    for (int priority : accepted) {
-        thread.setPriority(priority);
-        EXPECT_EQ(priority, thread.getPriority());
-        EXPECT_EQ(priority, osPriority());
-    }
-    for (int priority : refused) {
-        EXPECT_TRUE(throwsWith<mw::ThreadStateException>([&] { thread.setPriority(priority); },
-                                                         "could not set priority"));
-    }
-    EXPECT_EQ(accepted[std::size(accepted) - 1], thread.getPriority());
-    toEnd.open();
-    thread.join();
-#ifndef _WIN32
-    expectNoPriority(thread);  // an ended Win32 thread keeps its handle, and takes a priority
-#endif
 }
 
 #ifdef _WIN32
@@ -323,7 +273,7 @@ TEST(ThreadLifecycle, TerminateKillsTheThreadWhereverItStands) {
         killed->terminate();
         EXPECT_EQ(Thread::TERMINATED, killed->getState());
         EXPECT_FALSE(killed->isAlive());
-        EXPECT_LT(timed([&] { killed->join(); }), seconds(10));
+        EXPECT_LT(mwtest::elapsed([&] { killed->join(); }), seconds(10));
         expectNoPriority(*killed);
         toEnd.open();
         other->join();
@@ -455,11 +405,10 @@ class FreedUnderCalls : public Thread {
 public:
     explicit FreedUnderCalls(mw::Lock& wall) : Thread(true, "freed under calls"), m_wall(wall) {}
     void run() override {
-        try {
+        mwtest::interruptedOut([this] {
             m_wall.lockInterruptibly();
             m_wall.unlock();
-        } catch (const mw::InterruptedException&) {
-        }
+        });
     }
     static void* operator new(std::size_t size) { return ::operator new(size); }
     static void operator delete(void* memory, std::size_t size) {

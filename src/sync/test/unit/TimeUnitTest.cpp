@@ -1,8 +1,10 @@
+// Time: unit conversions and constants, the clocks, and the timed operations of TimeUnit.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -11,6 +13,8 @@
 #include "concurrent/Concurrent.h"
 
 namespace {
+
+using mw::TimeUtil;
 
 typedef const mw::TimeUnit& (*Accessor)();
 const Accessor UNITS[4] = {&mw::TimeUnit::NANOSECONDS, &mw::TimeUnit::MICROSECONDS,
@@ -24,7 +28,7 @@ long long power(int steps) { return steps == 0 ? 1 : 1000 * power(steps - 1); }
 
 // Every pair of units, in both directions and by both entry points, at and around every overflow
 // bound and at the extremes, against the exact result in 128 bits, saturated. Literal rows first,
-// so that this oracle is not the only witness.
+// so that this oracle is not the only witness. Each unit has its name and equals only itself.
 TEST(TimeUnit, ConvertsEveryPairAtAndAroundEachBound) {
     EXPECT_EQ(9223372036000000000LL, mw::TimeUnit::SECONDS().toNanos(9223372036LL));
     EXPECT_EQ(LLONG_MAX, mw::TimeUnit::SECONDS().toNanos(9223372037LL));
@@ -39,7 +43,10 @@ TEST(TimeUnit, ConvertsEveryPairAtAndAroundEachBound) {
         }
     }
     for (int from = 0; from < 4; ++from) {
+        EXPECT_EQ(NAMES[from], UNITS[from]().getName());
         for (int to = 0; to < 4; ++to) {
+            EXPECT_EQ(from == to, UNITS[from]() == UNITS[to]()) << from << " == " << to;
+            EXPECT_EQ(from != to, UNITS[from]() != UNITS[to]()) << from << " != " << to;
             for (long long v : values) {
                 __int128 exact =
                     from >= to ? static_cast<__int128>(v) * power(from - to) : v / power(to - from);
@@ -50,16 +57,6 @@ TEST(TimeUnit, ConvertsEveryPairAtAndAroundEachBound) {
                     << NAMES[from] << " -> " << NAMES[to] << " " << v;
                 EXPECT_EQ(expected, (UNITS[from]().*TO[to])(v)) << NAMES[from] << " " << v;
             }
-        }
-    }
-}
-
-TEST(TimeUnit, NamesAndEquality) {
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(NAMES[i], UNITS[i]().getName());
-        for (int j = 0; j < 4; ++j) {
-            EXPECT_EQ(i == j, UNITS[i]() == UNITS[j]()) << i << " == " << j;
-            EXPECT_EQ(i != j, UNITS[i]() != UNITS[j]()) << i << " != " << j;
         }
     }
 }
@@ -77,8 +74,39 @@ TEST(TimeUnit, ThreadsRacingOnFirstUseGetTheSameObject) {
         });
     }
     for (std::thread& racer : racers) racer.join();
-    for (int i = 0; i < threads * 4; ++i)
-        EXPECT_EQ(&UNITS[i % 4](), seen[i].load()) << NAMES[i % 4];
+    for (int i = 0; i < threads * 4; ++i) EXPECT_EQ(&UNITS[i % 4](), seen[i].load()) << i;
+}
+
+TEST(TimeUtil, NanoTimeIsMonotoneAndMicroTimeIsItRounded) {
+    long long previous = TimeUtil::nanoTime();
+    for (int i = 0; i < 20000; ++i) {
+        long long before = TimeUtil::nanoTime(), micros = TimeUtil::microTime();
+        long long after = TimeUtil::nanoTime();
+        ASSERT_LE(previous, before);
+        ASSERT_LE(before / 1000, micros);
+        ASSERT_LE(micros, after / 1000 + 1);
+        previous = after;
+    }
+    // Read as n0, s0 ... s1, n1 so that the nanoTime interval encloses the steady one; 1 us of
+    // slack covers the rounding of the conversion.
+    long long n0 = TimeUtil::nanoTime();
+    auto s0 = std::chrono::steady_clock::now(), s1 = s0;
+    while (s1 - s0 < std::chrono::milliseconds(20)) s1 = std::chrono::steady_clock::now();
+    long long n1 = TimeUtil::nanoTime();
+    EXPECT_GE(n1 - n0, std::chrono::nanoseconds(s1 - s0).count() - 1000);
+    EXPECT_LT(n1 - n0, 10LL * 1000 * 1000 * 1000);
+}
+
+TEST(TimeUtil, MilliTimeIsTheWallClockAndTimeOfDayAgrees) {
+    for (int i = 0; i < 1000; ++i) {
+        long long system = std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::system_clock::now().time_since_epoch())
+                               .count();
+        long long milli = TimeUtil::milliTime(), day = TimeUtil::timeOfDay();
+        ASSERT_LE(std::llabs(milli - system), 1000);
+        ASSERT_LE(milli, day);
+        ASSERT_LE(day, TimeUtil::milliTime());
+    }
 }
 
 // ---- timed operations -----------------------------------------------------------------------

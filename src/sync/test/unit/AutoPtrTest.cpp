@@ -4,30 +4,6 @@
 
 namespace {
 
-TEST(Atomic, CellsChangeOnlyOnAMatchAndCountFromTheOldValue) {
-    mw::Atomic<int> cell(5);
-    EXPECT_FALSE(cell.compareAndSet(4, 9));
-    EXPECT_EQ(5, cell.get());
-    EXPECT_TRUE(cell.compareAndSet(5, 9));
-    EXPECT_EQ(9, cell.get());
-    int a = 0, b = 0;
-    mw::AtomicPtr<int> pointer(&a);
-    EXPECT_FALSE(pointer.compareAndSet(&b, nullptr));
-    EXPECT_TRUE(pointer.compareAndSet(&a, &b));
-    mw::AtomicPtr<int>& alias = pointer;
-    pointer = alias;
-    EXPECT_EQ(&b, pointer.get());
-    mw::Atomic<unsigned int> counter(1);
-    EXPECT_EQ(1u, counter.getAndIncrement());
-    EXPECT_EQ(2u, counter.getAndIncrement());
-    EXPECT_EQ(3u, counter.get());
-    mw::Atomic<short> flag;
-    flag.set(1);
-    EXPECT_EQ(1, flag.get());
-    flag.set(0);
-    EXPECT_EQ(0, flag.get());
-}
-
 struct Counted {
     explicit Counted(int* deaths) : m_deaths(deaths) {}
     ~Counted() { ++*m_deaths; }
