@@ -1,5 +1,7 @@
 #include "concurrent/AbstractQueuedSynchronizer.h"
 
+#include "CriticalSection.h"
+#include "NodePool.h"
 #include "Park.h"
 #include "Parker.h"
 #include "TimeArithmetic.h"
@@ -22,10 +24,14 @@
 //       is cleared last, by the acquire loop.
 //  [Q4] cancelAcquire clears thread before status becomes CANCELLED, so a node seen with status
 //       0 or less may already have a null thread; wakers accept that.
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
+//  [Q6] a node leaves the prev chain by a sequentially consistent store (a successor's prev
+//       moving past it, or setHead), and walkers load prev in that order too: a walker that
+//       still reached a node through prev did so before the node was retired (NodePool), so
+//       the epoch it announced keeps the node from reuse.
+//
+// Nodes are recycled (NodePool). Every operation here that reads nodes other than the caller's
+// own runs inside a CriticalSection; the caller's own node and its predecessor while it is the
+// head cannot be retired under it, and they alone are kept across a park.
 
 namespace mw {
 
@@ -35,30 +41,41 @@ namespace {
 
 const char* const NOT_SUPPORTED = "Operation not supported in base implementation";
 
-Node* relaxedPrev(const Node* node) { return node->prev.load(std::memory_order_relaxed); }
+Node* prevOf(const Node* node) { return node->prev.load(std::memory_order_seq_cst); }  // [Q6]
 
+// Before publication: the compare-exchange that publishes the node orders it ([Q1]).
 void storePrev(Node* node, Node* prev) { node->prev.store(prev, std::memory_order_relaxed); }
+
+// Takes node's prev past nodes that leave the chain by it.
+void movePrev(Node* node, Node* prev) { node->prev.store(prev, std::memory_order_seq_cst); }  // [Q6]
 
 }  // namespace
 
 // ---- state, copy, lifetime ----------------------------------------------------------------------
 
-AbstractQueuedSynchronizer::AbstractQueuedSynchronizer() : m_head(), m_tail(), m_state(0) {}
+AbstractQueuedSynchronizer::AbstractQueuedSynchronizer()
+    : m_head(), m_tail(), m_state(0), m_spare(nullptr) {}
 
-// Exchanges the source's cells in; no node is copied, so a copy of a contended synchronizer
-// shares its chain with the source.
+// Nodes are recycled once they leave their queue, so two synchronizers never share one: a copy
+// takes the state alone and starts with no queue; an assignment keeps this object's own queue.
 AbstractQueuedSynchronizer::AbstractQueuedSynchronizer(const AbstractQueuedSynchronizer& other)
-    : m_head(other.m_head), m_tail(other.m_tail), m_state(other.m_state) {}
+    : m_head(), m_tail(), m_state(other.m_state), m_spare(nullptr) {}
 
 AbstractQueuedSynchronizer& AbstractQueuedSynchronizer::operator=(
     const AbstractQueuedSynchronizer& other) {
-    m_head = other.m_head;
-    m_tail = other.m_tail;
     m_state = other.m_state;
     return *this;
 }
 
-AbstractQueuedSynchronizer::~AbstractQueuedSynchronizer() {}
+// An idle queue is its head alone; that node leaves with the synchronizer. A queue with waiters
+// left in it is a caller's error, and its nodes are left alone rather than freed under them.
+AbstractQueuedSynchronizer::~AbstractQueuedSynchronizer() {
+    Node* spare = m_spare.load(std::memory_order_acquire);
+    if (spare != nullptr) detail::NodePool::giveBackUnpublished(spare);
+    Node* h = m_head.get();
+    if (h == nullptr || h != m_tail.get()) return;
+    detail::NodePool::leaveQueue(nullptr, h);  // may run while its thread's object is destroyed
+}
 
 bool AbstractQueuedSynchronizer::tryAcquire(int) {
     MW_THROW(UnsupportedOperationException, NOT_SUPPORTED);
@@ -82,21 +99,13 @@ bool AbstractQueuedSynchronizer::isHeldExclusively() const {
 
 // ---- nodes --------------------------------------------------------------------------------------
 
-// Published nodes stay allocated for the life of the process on purpose (see retireOldHead), so
-// the leak checker is told not to report them.
-static Node* published(Node* node) {
-#if defined(__SANITIZE_ADDRESS__)
-    __lsan_ignore_object(node);
-#endif
-    return node;
-}
-
 Node* AbstractQueuedSynchronizer::newNode(const Thread* waiter, Node* mode) {
-    return published(new Node(waiter, mode));
+    return detail::NodePool::take(detail::currentHazards(), waiter, 0, mode);
 }
 
 Node* AbstractQueuedSynchronizer::newConditionNode() const {
-    Node* node = published(new Node(detail::currentThreadFast(), Node::CONDITION));
+    Node* node = detail::NodePool::take(detail::currentHazards(), detail::currentThreadFast(),
+                                        Node::CONDITION, nullptr);
     rememberWait(node);
     return node;
 }
@@ -114,39 +123,74 @@ void AbstractQueuedSynchronizer::rememberWait(Node* node) const {
 // run by a node's own thread alone; that thread is gone (terminate waited for it), so this caller
 // takes its place and no two threads run it on one node.
 void AbstractQueuedSynchronizer::abandonWaitOfKilledThread(Node* node, const Thread* killed) {
+    detail::CriticalSection section;
     if (node->thread.load(std::memory_order_seq_cst) != killed) return;
     node->thread.store(nullptr, std::memory_order_seq_cst);
-    if (node->status.compareAndSet(Node::CONDITION, Node::CANCELLED)) return;
-    if (node == m_head.get() || relaxedPrev(node) == nullptr) return;
+    if (node->status.compareAndSet(Node::CONDITION, Node::CANCELLED)) {
+        detail::NodePool::leaveQueue(section.record(), node);  // it never reached the queue
+        return;
+    }
+    if (node == m_head.get() || prevOf(node) == nullptr) return;
     cancelAcquire(node);
 }
 
-void AbstractQueuedSynchronizer::retireOldHead(Node*) {}
+void AbstractQueuedSynchronizer::retireOldHead(Node* oldHead) {
+    detail::NodePool::leaveQueue(detail::currentHazards(), oldHead);
+}
 
-void AbstractQueuedSynchronizer::retireCancelled(Node*) {}
+void AbstractQueuedSynchronizer::retireCancelled(Node* cancelled) {
+    detail::NodePool::leaveQueue(detail::currentHazards(), cancelled);
+}
 
 // ---- the queue ----------------------------------------------------------------------------------
 
-// Makes the sentinel on first contention. Between the two writes m_head is set and m_tail still
-// null; a thread that comes then makes a sentinel of its own, loses on m_head and deletes it.
-void AbstractQueuedSynchronizer::ensureQueue() {
-    if (m_tail.get() != nullptr) return;
-    Node* sentinel = new Node();
-    if (m_head.compareAndSet(nullptr, sentinel)) {
-        published(sentinel);
-        m_tail.set(m_head.get());
-    } else {
-        delete sentinel;  // never published, so nobody else can hold it
+// A condition waiter, before it gives up its hold, leaves a sentinel here if the queue has none
+// yet, so that neither its own return to the queue nor a signal has to allocate one.
+void AbstractQueuedSynchronizer::reserveSentinel() {
+    if (m_tail.get() != nullptr || m_spare.load(std::memory_order_acquire) != nullptr) return;
+    detail::HazardRecord* record = detail::currentHazards();
+    Node* sentinel = detail::NodePool::take(record, nullptr, 0, nullptr);
+    Node* none = nullptr;
+    if (!m_spare.compare_exchange_strong(none, sentinel, std::memory_order_acq_rel)) {
+        detail::NodePool::giveBack(record, sentinel);
+    }
+}
+
+// Publishes the sentinel on first contention, the reserved one if there is one. Between the two
+// writes m_head is set and m_tail still null; a thread that comes then brings a sentinel of its
+// own, loses on m_head and gives it back. Without mayAllocate the caller relies on a reserved
+// sentinel: if another thread has just taken it, that thread is publishing it, and the caller
+// waits for m_tail instead of allocating.
+void AbstractQueuedSynchronizer::ensureQueue(bool mayAllocate) {
+    while (m_tail.get() == nullptr) {
+        if (m_head.get() != nullptr) {  // being published
+            Thread::yield();
+            continue;
+        }
+        Node* sentinel = m_spare.exchange(nullptr, std::memory_order_acq_rel);
+        if (sentinel == nullptr) {
+            if (!mayAllocate) {
+                Thread::yield();
+                continue;
+            }
+            sentinel = detail::NodePool::take(detail::currentHazards(), nullptr, 0, nullptr);
+        }
+        if (m_head.compareAndSet(nullptr, sentinel)) {
+            m_tail.set(m_head.get());
+        } else {
+            // Never published: nobody else holds it.
+            detail::NodePool::giveBack(detail::currentHazards(), sentinel);
+        }
     }
 }
 
 // Links node at the tail, making the sentinel on first contention; returns its predecessor.
-// Lock-free; retries at once until the node is linked.
-Node* AbstractQueuedSynchronizer::enq(Node* node) {
+// Lock-free; retries at once until the node is linked. mayAllocate as for ensureQueue.
+Node* AbstractQueuedSynchronizer::enq(Node* node, bool mayAllocate) {
     for (;;) {
         Node* t = m_tail.get();
         if (t == nullptr) {
-            ensureQueue();
+            ensureQueue(mayAllocate);
             continue;
         }
         storePrev(node, t);  // [Q1]
@@ -169,9 +213,10 @@ Node* AbstractQueuedSynchronizer::addWaiter(Node* mode) {
         }
     }
     try {
-        enq(node);
+        enq(node, true);
     } catch (...) {
-        delete node;  // the sentinel could not be made; the node was never published
+        // The sentinel could not be made; the node was never published.
+        detail::NodePool::giveBack(detail::currentHazards(), node);
         throw;
     }
     return node;
@@ -181,22 +226,38 @@ Node* AbstractQueuedSynchronizer::addWaiter(Node* mode) {
 void AbstractQueuedSynchronizer::setHead(Node* node) {
     m_head.set(node);  // [Q3]
     node->thread.store(nullptr, std::memory_order_seq_cst);
-    storePrev(node, nullptr);
+    movePrev(node, nullptr);  // [Q6] the old head leaves the chain
 }
 
 // Wakes at most one thread: the successor by next if it is live, else the live node nearest to
 // the head found by the walk from m_tail.
 void AbstractQueuedSynchronizer::unparkSuccessor(Node* node) {
     node->status.compareAndSet(Node::SIGNAL, 0);
-    Node* s = node->next.get();
-    if (s == nullptr || s->status.get() > 0) s = firstLiveFromTail(node);
+    Node* s = validSuccessor(node);
+    if (s == nullptr) s = firstLiveFromTail(node);
     if (s != nullptr) detail::unparkNodeThread(s->thread);
+}
+
+// The unlocked release found a head with a status: look again inside a critical section.
+void AbstractQueuedSynchronizer::signalNext() {
+    detail::CriticalSection section;
+    Node* h = m_head.get();
+    if (h != nullptr && h->status.get() != 0) unparkSuccessor(h);
+}
+
+// node's successor by the next hint, if the hint names a live node that has node as its
+// predecessor. The hint may name a node that left and was recycled since: a live status read
+// first, then a prev naming node, can only be the node's current successor ([Q6]).
+Node* AbstractQueuedSynchronizer::validSuccessor(const Node* node) const {
+    Node* s = node->next.get();
+    if (s == nullptr || s->status.getOrdered() > 0 || prevOf(s) != node) return nullptr;
+    return s;
 }
 
 // The live node nearest to node, by the walk from m_tail that next cannot replace ([Q2]).
 Node* AbstractQueuedSynchronizer::firstLiveFromTail(const Node* node) const {
     Node* s = nullptr;
-    for (Node* t = m_tail.get(); t != nullptr && t != node; t = relaxedPrev(t)) {  // [Q5]
+    for (Node* t = m_tail.get(); t != nullptr && t != node; t = prevOf(t)) {  // [Q5]
         if (t->status.get() <= 0) s = t;
     }
     return s;
@@ -208,9 +269,10 @@ bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* 
     if (s == Node::SIGNAL) return true;
     if (s > 0) {
         do {
-            retireCancelled(pred);
-            pred = relaxedPrev(pred);
-            storePrev(node, pred);
+            Node* skipped = pred;
+            pred = prevOf(pred);
+            movePrev(node, pred);  // [Q6]
+            retireCancelled(skipped);
         } while (pred->status.get() > 0);
         pred->next.set(node);
     } else {
@@ -222,16 +284,19 @@ bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* 
 // Run by the node's own thread on a linked node that has not become the head.
 void AbstractQueuedSynchronizer::cancelAcquire(Node* node) {
     if (node == nullptr) return;
-    Node* pred = relaxedPrev(node);
+    Node* pred = prevOf(node);
     node->thread.store(nullptr, std::memory_order_seq_cst);  // [Q4]
     while (pred->status.get() > 0) {
-        pred = relaxedPrev(pred);
-        storePrev(node, pred);
+        Node* skipped = pred;
+        pred = prevOf(pred);
+        movePrev(node, pred);  // [Q6]
+        retireCancelled(skipped);
     }
     Node* predNext = pred->next.get();
     node->status.set(Node::CANCELLED);  // [Q4]
     if (node == m_tail.get() && m_tail.compareAndSet(node, pred)) {
         pred->next.compareAndSet(predNext, nullptr);
+        retireCancelled(node);  // no tail and no prev names it now
         return;
     }
     bool predTakesOver =
@@ -271,6 +336,7 @@ void AbstractQueuedSynchronizer::selfInterrupt() { detail::currentThreadFast()->
 
 void AbstractQueuedSynchronizer::acquire(int arg) {
     if (tryAcquire(arg)) return;
+    detail::CriticalSection section;
     Node* node = addWaiter(Node::EXCLUSIVE.get());
     if (acquireQueued(node, arg)) selfInterrupt();
 }
@@ -279,14 +345,16 @@ void AbstractQueuedSynchronizer::acquire(int arg) {
 // predecessor until its own setHead, so the guard cancels only a node that still has one.
 #define MW_GIVE_UP_NODE_ON_EXCEPTION(node)                     \
     catch (...) {                                              \
-        if (relaxedPrev(node) != nullptr) cancelAcquire(node); \
+        if (prevOf(node) != nullptr) cancelAcquire(node); \
         throw;                                                 \
     }
 
 bool AbstractQueuedSynchronizer::acquireQueued(Node* node, int arg) {
+    detail::CriticalSection section;
     bool interrupted = false;
     try {
         for (;;) {
+            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
                 setHead(node);
@@ -307,9 +375,11 @@ void AbstractQueuedSynchronizer::acquireInterruptibly(int arg) {
 }
 
 void AbstractQueuedSynchronizer::doAcquireInterruptibly(int arg) {
+    detail::CriticalSection section;
     Node* node = addWaiter(Node::EXCLUSIVE.get());
     try {
         for (;;) {
+            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
                 setHead(node);
@@ -333,10 +403,12 @@ bool AbstractQueuedSynchronizer::tryAcquireNanos(int arg, long long nanosTimeout
 // The acquire attempt comes before the time test, so a first waiter out of time still gets its
 // try. The clock is read once before queuing and once after each park.
 bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout) {
+    detail::CriticalSection section;
     long long lastTime = TimeUtil::nanoTime();
     Node* node = addWaiter(Node::EXCLUSIVE.get());
     try {
         for (;;) {
+            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             if (p == m_head.get() && tryAcquire(arg)) {
                 setHead(node);
@@ -404,14 +476,15 @@ bool AbstractQueuedSynchronizer::releaseShared(int arg) {
 // Wakes the head's successor if it asked to be woken, and marks the head in either case. A head
 // with nobody behind it is left alone: a waiter that links itself later tries before it parks.
 void AbstractQueuedSynchronizer::doReleaseShared() {
+    detail::CriticalSection section;
     for (;;) {
         Node* h = m_head.get();
         if (h != nullptr && h != m_tail.get()) {
             int s = h->status.get();
             if (s == Node::SIGNAL) {
                 if (!h->status.compareAndSet(Node::SIGNAL, Node::PROPAGATE)) continue;
-                Node* first = h->next.get();
-                if (first == nullptr || first->status.get() > 0) first = firstLiveFromTail(h);
+                Node* first = validSuccessor(h);
+                if (first == nullptr) first = firstLiveFromTail(h);
                 if (first != nullptr) detail::unparkNodeThread(first->thread);
             } else if (s == 0 && !h->status.compareAndSet(0, Node::PROPAGATE)) {
                 continue;
@@ -437,7 +510,7 @@ void AbstractQueuedSynchronizer::setHeadAndPropagate(Node* node, int propagate) 
     bool missedRelease = oldHead->status.get() == Node::PROPAGATE;  // [R4]
     if (propagate <= 0 && !missedRelease) return;
     if (node->status.get() != Node::SIGNAL) return;
-    Node* s = node->next.get();
+    Node* s = validSuccessor(node);  // unknown (null) lets the wake-up through
     if (!missedRelease && s != nullptr && s->waiterLink.load(std::memory_order_relaxed) !=
                                               Node::SHARED.get())
         return;
@@ -447,7 +520,7 @@ void AbstractQueuedSynchronizer::setHeadAndPropagate(Node* node, int propagate) 
 // Every loop below gives its node up before any exception leaves it (see the exclusive loops).
 #define MW_GIVE_UP_NODE_ON_EXCEPTION(node)                     \
     catch (...) {                                              \
-        if (relaxedPrev(node) != nullptr) cancelAcquire(node); \
+        if (prevOf(node) != nullptr) cancelAcquire(node); \
         throw;                                                 \
     }
 
@@ -465,10 +538,12 @@ void AbstractQueuedSynchronizer::setHeadAndPropagate(Node* node, int propagate) 
     }
 
 void AbstractQueuedSynchronizer::doAcquireShared(int arg) {
+    detail::CriticalSection section;
     Node* node = addWaiter(Node::SHARED.get());
     bool interrupted = false;
     try {
         for (;;) {
+            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             MW_TRY_SHARED_AS_FIRST(p, node, arg, {
                 if (interrupted) selfInterrupt();
@@ -482,9 +557,11 @@ void AbstractQueuedSynchronizer::doAcquireShared(int arg) {
 }
 
 void AbstractQueuedSynchronizer::doAcquireSharedInterruptibly(int arg) {
+    detail::CriticalSection section;
     Node* node = addWaiter(Node::SHARED.get());
     try {
         for (;;) {
+            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             MW_TRY_SHARED_AS_FIRST(p, node, arg, return)
             if (shouldParkAfterFailedAcquire(p, node) && parkAndCheckInterrupt()) break;
@@ -496,10 +573,12 @@ void AbstractQueuedSynchronizer::doAcquireSharedInterruptibly(int arg) {
 }
 
 bool AbstractQueuedSynchronizer::doAcquireSharedNanos(int arg, long long nanosTimeout) {
+    detail::CriticalSection section;
     long long lastTime = TimeUtil::nanoTime();
     Node* node = addWaiter(Node::SHARED.get());
     try {
         for (;;) {
+            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             MW_TRY_SHARED_AS_FIRST(p, node, arg, return true)
             if (nanosTimeout <= 0) {
@@ -541,19 +620,19 @@ const Thread* AbstractQueuedSynchronizer::getFirstQueuedThread() const {
 // The fast path accepts the head's successor only while it still has the head as predecessor and
 // a thread; otherwise the walk from m_tail returns the thread found nearest to the head.
 const Thread* AbstractQueuedSynchronizer::fullGetFirstQueuedThread() const {
+    detail::CriticalSection section;
     Node* h = m_head.get();
     if (h == nullptr) return nullptr;
-    Node* s = h->next.get();
+    Node* s = validSuccessor(h);
     if (s != nullptr) {
         const Thread* st = s->thread.load(std::memory_order_seq_cst);
-        Node* sp = relaxedPrev(s);
-        if (st != nullptr && sp == m_head.get()) return st;
+        if (st != nullptr && h == m_head.get()) return st;
     }
     const Thread* first = nullptr;
     Node* t = m_tail.get();
     while (t != nullptr && t != m_head.get()) {
         const Thread* tt = t->thread.load(std::memory_order_seq_cst);
-        t = relaxedPrev(t);
+        t = prevOf(t);
         if (tt != nullptr) first = tt;
     }
     return first;
@@ -567,23 +646,26 @@ bool AbstractQueuedSynchronizer::hasQueuedPredecessors() const {
 
 bool AbstractQueuedSynchronizer::firstQueuedIsExclusive() const {
     Node* h = m_head.get();
-    if (h == nullptr) return false;
-    Node* s = h->next.get();
+    if (h == m_tail.get()) return false;  // no queue, or nobody in it: no section needed
+    detail::CriticalSection section;
+    Node* s = validSuccessor(h);
     return s != nullptr && s->waiterLink.load(std::memory_order_relaxed) != Node::SHARED.get() &&
            s->thread.load(std::memory_order_seq_cst) != nullptr;
 }
 
 bool AbstractQueuedSynchronizer::isQueued(const Thread* thread) const {
     if (thread == nullptr) MW_THROW(NullPointerException, "");
-    for (Node* p = m_tail.get(); p != nullptr; p = relaxedPrev(p)) {
+    detail::CriticalSection section;
+    for (Node* p = m_tail.get(); p != nullptr; p = prevOf(p)) {
         if (p->thread.load(std::memory_order_seq_cst) == thread) return true;
     }
     return false;
 }
 
 unsigned long long AbstractQueuedSynchronizer::getQueueLength() const {
+    detail::CriticalSection section;
     unsigned long long n = 0;
-    for (Node* p = m_tail.get(); p != nullptr; p = relaxedPrev(p)) {
+    for (Node* p = m_tail.get(); p != nullptr; p = prevOf(p)) {
         if (p->thread.load(std::memory_order_seq_cst) != nullptr) ++n;
     }
     return n;
@@ -594,7 +676,7 @@ bool AbstractQueuedSynchronizer::findNodeFromTail(const Node* node) const {
     Node* t = m_tail.get();
     if (t == node) return true;
     while (t != nullptr) {
-        t = relaxedPrev(t);
+        t = prevOf(t);
         if (t == node) return true;
     }
     return false;
@@ -604,21 +686,27 @@ bool AbstractQueuedSynchronizer::findNodeFromTail(const Node* node) const {
 
 // A prev that is set proves nothing alone: enq stores it before its compare-exchange may fail.
 bool AbstractQueuedSynchronizer::isOnSyncQueue(const Node* node) const {
-    if (node->status.get() == Node::CONDITION || relaxedPrev(node) == nullptr) return false;
+    if (node->status.get() == Node::CONDITION || prevOf(node) == nullptr) return false;
     if (node->next.get() != nullptr) return true;
     return findNodeFromTail(node);
 }
 
+// A failed release leaves the node cancelled on the condition's list; it never reaches the queue.
 int AbstractQueuedSynchronizer::fullyRelease(Node* node) {
     try {
         int savedState = getState();
         if (release(savedState)) return savedState;
     } catch (...) {
-        node->status.set(Node::CANCELLED);
+        giveUpUnqueuedNode(node);
         throw;
     }
-    node->status.set(Node::CANCELLED);
+    giveUpUnqueuedNode(node);
     MW_THROW(IllegalMonitorStateException, "");
+}
+
+void AbstractQueuedSynchronizer::giveUpUnqueuedNode(Node* node) {
+    node->status.set(Node::CANCELLED);
+    detail::NodePool::leaveQueue(detail::currentHazards(), node);
 }
 
 // The compare-exchange from CONDITION to 0 decides a signal against a cancellation; only its
@@ -626,7 +714,7 @@ int AbstractQueuedSynchronizer::fullyRelease(Node* node) {
 // wakes the waiter later.
 bool AbstractQueuedSynchronizer::transferForSignal(Node* node) {
     if (!node->status.compareAndSet(Node::CONDITION, 0)) return false;
-    Node* p = enq(node);
+    Node* p = enq(node, false);  // the waiter reserved the sentinel
     int s = p->status.get();
     if (s > 0 || !p->status.compareAndSet(s, Node::SIGNAL)) detail::unparkNodeThread(node->thread);
     return true;
@@ -636,7 +724,7 @@ bool AbstractQueuedSynchronizer::transferForSignal(Node* node) {
 // between the status change and the end of enq: the waiter must not go on with an unlinked node.
 bool AbstractQueuedSynchronizer::transferAfterCancelledWait(Node* node) {
     if (node->status.compareAndSet(Node::CONDITION, 0)) {
-        enq(node);
+        enq(node, false);  // the sentinel was reserved before the hold was given up
         return true;
     }
     while (!isOnSyncQueue(node)) Thread::yield();

@@ -1,3 +1,5 @@
+#include "CriticalSection.h"
+#include "NodePool.h"
 #include "Park.h"
 #include "ThreadInfoSlot.h"
 #include "TimeArithmetic.h"
@@ -36,20 +38,27 @@ ConditionObject::ConditionObject(const AbstractQueuedSynchronizer* owner)
       m_waiterHead(nullptr),
       m_waiterTail(nullptr) {}
 
+// A node on a list is counted as one of that list's members (NodePool), so no two lists may hold
+// it: a copy binds to the same synchronizer with a list of its own, empty; an assignment changes
+// the binding and keeps this object's list.
 ConditionObject::ConditionObject(const ConditionObject& other)
-    : Condition(),
-      m_synchronizer(other.m_synchronizer),
-      m_waiterHead(other.m_waiterHead),
-      m_waiterTail(other.m_waiterTail) {}
+    : Condition(), m_synchronizer(other.m_synchronizer), m_waiterHead(nullptr), m_waiterTail(nullptr) {}
 
 ConditionObject& ConditionObject::operator=(const ConditionObject& other) {
     m_synchronizer = other.m_synchronizer;
-    m_waiterHead = other.m_waiterHead;
-    m_waiterTail = other.m_waiterTail;
     return *this;
 }
 
-ConditionObject::~ConditionObject() {}
+// What is left on the list is given-up waits (a live waiter would make destruction an error);
+// their nodes leave the list with it.
+ConditionObject::~ConditionObject() {
+    for (Node* w = m_waiterHead; w != nullptr;) {
+        Node* next = link(w);
+        setLink(w, nullptr);
+        detail::NodePool::leaveList(nullptr, w);  // no record: see ~AbstractQueuedSynchronizer
+        w = next;
+    }
+}
 
 bool ConditionObject::isOwnedBy(const AbstractQueuedSynchronizer* synchronizer) const {
     return synchronizer == m_synchronizer;
@@ -57,11 +66,12 @@ bool ConditionObject::isOwnedBy(const AbstractQueuedSynchronizer* synchronizer) 
 
 // ---- the list -----------------------------------------------------------------------------------
 
-// Everything that could fail for lack of memory later in the wait (the sentinel of the sync queue,
-// the thread's ParkEvent) is made here, while the caller still holds the synchronizer: a failure
-// then leaves the hold and the list as they were.
+// Everything that could fail for lack of memory later in the wait (the sync queue's sentinel,
+// reserved on the synchronizer; the thread's ParkEvent) is made here, while the caller still
+// holds the synchronizer: a failure then leaves the hold and the list as they were. The sentinel
+// itself is published only by whoever first links a node into the queue.
 Node* ConditionObject::addConditionWaiter() const {
-    m_synchronizer->ensureQueue();
+    m_synchronizer->reserveSentinel();
     detail::prepareCurrentPark();
     Node* t = m_waiterTail;
     if (t != nullptr && t->status.get() != Node::CONDITION) {
@@ -94,6 +104,7 @@ void ConditionObject::unlinkCancelledWaiters() const {
                 setLink(trail, next);
             }
             if (next == nullptr) m_waiterTail = trail;
+            detail::NodePool::leaveList(detail::currentHazards(), t);
         }
         t = next;
     }
@@ -101,16 +112,21 @@ void ConditionObject::unlinkCancelledWaiters() const {
 
 // ---- signalling ---------------------------------------------------------------------------------
 
+// Nothing here allocates: the waiters reserved the sync queue's sentinel.
 void ConditionObject::signal() const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* first = m_waiterHead;
-    if (first != nullptr) doSignal(first);
+    if (first == nullptr) return;
+    detail::CriticalSection section;
+    doSignal(first);
 }
 
 void ConditionObject::broadcast() const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     Node* first = m_waiterHead;
-    if (first != nullptr) doSignalAll(first);
+    if (first == nullptr) return;
+    detail::CriticalSection section;
+    doSignalAll(first);
 }
 
 // Transfers the first node that can still be transferred; given-up nodes before it leave the list.
@@ -119,7 +135,9 @@ void ConditionObject::doSignal(Node* first) const {
         m_waiterHead = link(first);
         if (m_waiterHead == nullptr) m_waiterTail = nullptr;
         setLink(first, nullptr);
-        if (m_synchronizer->transferForSignal(first)) return;
+        bool transferred = m_synchronizer->transferForSignal(first);
+        detail::NodePool::leaveList(detail::currentHazards(), first);
+        if (transferred) return;
         first = m_waiterHead;
     } while (first != nullptr);
 }
@@ -131,6 +149,7 @@ void ConditionObject::doSignalAll(Node* first) const {
         Node* next = link(first);
         setLink(first, nullptr);
         m_synchronizer->transferForSignal(first);
+        detail::NodePool::leaveList(detail::currentHazards(), first);
         first = next;
     }
 }
@@ -162,6 +181,7 @@ void ConditionObject::finishWait(Node* node, int savedState, int interruptMode) 
 void ConditionObject::await() const {
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
+    detail::CriticalSection section;
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     int interruptMode = 0;
@@ -175,6 +195,7 @@ void ConditionObject::await() const {
 
 void ConditionObject::awaitUninterruptibly() const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
+    detail::CriticalSection section;
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     bool interrupted = false;
@@ -193,6 +214,7 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
     long long nanosTimeout = unit.toNanos(time);
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
+    detail::CriticalSection section;
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
@@ -218,6 +240,7 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
 long long ConditionObject::awaitNanos(long long nanosTimeout) const {
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
+    detail::CriticalSection section;
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
@@ -243,6 +266,7 @@ long long ConditionObject::awaitNanos(long long nanosTimeout) const {
 bool ConditionObject::awaitUntil(long long deadline) const {
     if (Thread::interrupted()) MW_THROW(InterruptedException, "");
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
+    detail::CriticalSection section;
     Node* node = addConditionWaiter();
     int savedState = m_synchronizer->fullyRelease(node);
     bool timedOut = false;

@@ -9,15 +9,25 @@ namespace {
 
 detail::Parker* currentParker() { return detail::Parker::of(detail::currentThreadFast()); }
 
-}  // namespace
 
-void parkCurrent() { currentParker()->park(false, 0); }
-
-void parkCurrentNanos(long long nanos) {
-    if (nanos > 0) currentParker()->park(false, nanos);
+// A parked thread announces no epoch, so that it holds up no reclamation however long it waits.
+void parkWithoutEpoch(bool absolute, long long time) {
+    detail::Parker* parker = currentParker();
+    detail::HazardRecord* record = parker->hazards();
+    record->suspendCritical();
+    parker->park(absolute, time);
+    record->resumeCritical();
 }
 
-void parkCurrentUntil(long long deadline) { currentParker()->park(true, deadline); }
+}  // namespace
+
+void parkCurrent() { parkWithoutEpoch(false, 0); }
+
+void parkCurrentNanos(long long nanos) {
+    if (nanos > 0) parkWithoutEpoch(false, nanos);
+}
+
+void parkCurrentUntil(long long deadline) { parkWithoutEpoch(true, deadline); }
 
 void unparkThread(const Thread* thread) {
     if (thread != nullptr) detail::Parker::of(thread)->unpark();

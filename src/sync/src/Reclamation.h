@@ -22,6 +22,16 @@
 //
 // Records are never freed: a record that its owner gives back is reused by the next owner, so
 // their number is bounded by the number of Thread objects alive at once.
+//
+// Epochs, for walkers that follow many pointers (the queue's nodes). A thread inside a critical
+// section has announced the global epoch it read; a node that leaves every structure is retired
+// with the epoch read afterwards and may be reused once the global epoch is two further on. The
+// global epoch advances only when every announcing record shows the current value, so a reader
+// that could still hold a retired node's address keeps it from being reused. Sections nest; a
+// park drops the announcement for its duration (the parked thread holds nothing) and the section
+// takes a fresh one after it, so code may keep across a park only what cannot be retired under it
+// (the caller's own node). Nothing waits for an epoch: a reader that stalls only delays reuse, so
+// a thread killed inside a section delays it until terminate clears its records.
 #ifndef MW_SYNC_RECLAMATION_H
 #define MW_SYNC_RECLAMATION_H
 
@@ -30,6 +40,15 @@
 
 namespace mw {
 namespace detail {
+
+// The queue nodes that a record's owner keeps for reuse (NodePool), as lists of its own; part of
+// the record, so that keeping a node can never fail for lack of memory.
+struct NodeCache {
+    void* retired = nullptr;
+    unsigned retiredCount = 0;
+    void* free = nullptr;
+    unsigned freeCount = 0;
+};
 
 class HazardRecord {
 public:
@@ -70,6 +89,35 @@ public:
     const void* object() const { return m_object.load(std::memory_order_seq_cst); }
     unsigned long long serial() const { return m_serial.load(std::memory_order_relaxed); }
 
+    // Critical sections (owner thread only). [E1] the announcement is a sequentially consistent
+    // store, so it precedes every load of a node pointer in the section; pairs with [E2].
+    void enterCritical() {
+        if (m_depth++ == 0) announce();
+    }
+    void leaveCritical() {
+        if (--m_depth == 0) m_epoch.store(0, std::memory_order_release);
+    }
+    // Around a park: the parked thread announces nothing.
+    void suspendCritical() {
+        if (m_depth != 0) m_epoch.store(0, std::memory_order_release);
+    }
+    void resumeCritical() {
+        if (m_depth != 0) announce();
+    }
+    // Takes a fresh announcement: for a section that holds no node across this point, so that a
+    // long wait announces the current epoch and does not hold reuse back.
+    void refreshCritical() {
+        if (m_depth != 0) announce();
+    }
+    bool inCritical() const { return m_depth != 0; }
+    // The global epoch, read after the retired object became unreachable.
+    static std::uint64_t epoch();
+    // Moves the global epoch on if every announcing record shows its current value.
+    static void tryAdvanceEpoch();
+
+    // The recycled queue nodes that this record's owner keeps (NodePool); owner thread only.
+    NodeCache& nodeCache() { return m_nodeCache; }
+
     // Every record ever made, in no particular order; the list only grows.
     static HazardRecord* first();
     HazardRecord* next() const { return m_next; }
@@ -86,12 +134,18 @@ public:
 
 private:
     HazardRecord();
+    void announce();
 
     std::atomic<const void*> m_slots[SLOTS];
     std::atomic<const void*> m_object;
     std::atomic<unsigned long long> m_serial;
     std::atomic<bool> m_inUse;
     std::atomic<std::uint32_t> m_ownerThreadId;
+    // The announced epoch, 0 outside a critical section.
+    std::atomic<std::uint64_t> m_epoch;
+    // Owner-only: nesting depth of critical sections, and the node cache.
+    int m_depth;
+    NodeCache m_nodeCache;
     // Set before the record is published on the list and never changed.
     HazardRecord* m_next;
 };

@@ -6,11 +6,14 @@
 // The queue runs from m_head (a sentinel that stands for no waiter) to m_tail. It is reliable
 // backwards through prev from m_tail; next is only a hint. Every write to m_head, m_tail, m_state,
 // status and next is a sequentially consistent exchange or compare-exchange; reads are acquire
-// loads made afresh at each use. A published node is never deleted, so a node pointer that was
-// read once stays dereferenceable: every lock-free walk relies on that.
+// loads made afresh at each use. Nodes are recycled, never handed back to the allocator: a node
+// that left the queue is reused once no thread inside an operation can still hold its address
+// (epochs, see NodePool), so memory stays bounded by the threads and synchronizers, not by the
+// number of waits.
 //
 // An uncontended acquire or release allocates nothing, reads no clock and makes no system call.
-// The object must not be destroyed while a thread is queued on it or inside one of its operations.
+// The object must not be destroyed while a thread is queued on it or inside one of its operations
+// (a thread that has just released it included: see release()).
 #ifndef MW_CONCURRENT_ABSTRACT_QUEUED_SYNCHRONIZER_H
 #define MW_CONCURRENT_ABSTRACT_QUEUED_SYNCHRONIZER_H
 
@@ -33,6 +36,11 @@ public:
     // The queue's record of one waiting thread. Written only as the table of the queue protocol
     // allows: prev by the node's own thread (and before publication), status and next also by
     // the successor's thread and by releasers, thread cleared by its own thread.
+    //
+    // Nodes are recycled, never handed back to the allocator (see NodePool): a node that left
+    // every structure may come back for another wait, even of another synchronizer. A thread that
+    // reached a node through a hint (next) therefore trusts it only after reading, in this order,
+    // a status of 0 or less and a prev that names the node it came from.
     struct Node {
         static const int CANCELLED = 1;
         static const int SIGNAL = -1;
@@ -46,15 +54,7 @@ public:
         static AutoPtr<Node> SHARED;
         static AutoPtr<Node> EXCLUSIVE;
 
-        Node() : status(0), prev(nullptr), next(nullptr), thread(nullptr), waiterLink(nullptr) {}
-        Node(const Thread* waiter, Node* mode)
-            : status(0), prev(nullptr), next(nullptr), thread(waiter), waiterLink(mode) {}
-        Node(const Thread* waiter, int waitStatus)
-            : status(waitStatus),
-              prev(nullptr),
-              next(nullptr),
-              thread(waiter),
-              waiterLink(nullptr) {}
+        Node() { reset(nullptr, 0, nullptr); }
 
         // The node before this one; a node inside an acquire loop always has one.
         Node* predecessor() const {
@@ -63,20 +63,46 @@ public:
             return p;
         }
 
+        // Makes a fresh or recycled node ready for one wait: a sync queue node (CONDITION not
+        // given) is in one structure, a condition node in two (its list, then the queue).
+        void reset(const Thread* waiter, int waitStatus, Node* mode) {
+            next.set(nullptr);
+            thread.store(waiter, std::memory_order_relaxed);
+            waiterLink.store(mode, std::memory_order_relaxed);
+            memberships.store(waitStatus == CONDITION ? 2 : 1, std::memory_order_relaxed);
+            leftQueue.store(false, std::memory_order_relaxed);
+            retiredAt = 0;
+            prev.store(nullptr, std::memory_order_relaxed);
+            status.set(waitStatus);
+        }
+
+        // Reclamation's link; the only field that a free node keeps meaningful.
+        std::atomic<Node*> poolNext{nullptr};
+        // Read, never written, by a stale reader of a free node; every other field is the
+        // current wait's alone.
         Atomic<int> status;
         // Whole-word fields that other threads read while they may change; readers accept an
         // old value. Ordering comes from the status/next/m_tail operations around them.
-        std::atomic<Node*> prev;
+        std::atomic<Node*> prev{nullptr};
         AtomicPtr<Node> next;
-        std::atomic<const Thread*> thread;
-        std::atomic<Node*> waiterLink;
+        std::atomic<const Thread*> thread{nullptr};
+        std::atomic<Node*> waiterLink{nullptr};
+        // How many of the node's structures (condition list, sync queue) it has not yet left;
+        // at 0 it is retired. leftQueue makes leaving the queue count once.
+        std::atomic<int> memberships{0};
+        std::atomic<bool> leftQueue{false};
+        // The epoch read when the node was retired; owner of the holding cache only.
+        unsigned long long retiredAt = 0;
     };
 
     class ConditionObject;
 
+    // A copy takes the state and starts with a queue of its own, empty; an assignment takes the
+    // state and keeps this object's queue. Neither shares a node with the source.
     AbstractQueuedSynchronizer(const AbstractQueuedSynchronizer& other);
     AbstractQueuedSynchronizer& operator=(const AbstractQueuedSynchronizer& other);
-    // Touches neither the queue nor its waiters.
+    // Gives the queue's last head back for reuse. No thread may be queued on the object, nor
+    // inside one of its operations (a releasing thread included).
     virtual ~AbstractQueuedSynchronizer();
 
     // Exclusive mode. acquire ignores interrupts and re-asserts them on return;
@@ -86,10 +112,15 @@ public:
     bool tryAcquireNanos(int arg, long long nanosTimeout);
     // Inline, so that a subclass whose type is known at the call (a lock's member synchronizer)
     // reaches its tryRelease without a virtual call.
+    // The head is read without protection: nodes are never handed back to the allocator, so the
+    // read is of a node, if perhaps of one recycled since; signalNext looks again, protected.
+    // The synchronizer itself is read after tryRelease has let it go, so the releasing thread
+    // must be done before anyone destroys it: "the last one out destroys it" needs the last one
+    // to have returned from unlock, which a thread that merely acquired after it cannot know.
     bool release(int arg) {
         if (!tryRelease(arg)) return false;
         Node* h = m_head.get();
-        if (h != nullptr && h->status.get() != 0) unparkSuccessor(h);
+        if (h != nullptr && h->status.get() != 0) signalNext();
         return true;
     }
 
@@ -151,16 +182,19 @@ private:
     // names the thread (whose object may then be freed) and leaves the queue or the condition's
     // list as a cancelled wait would. Called once the thread is gone.
     void abandonWaitOfKilledThread(Node* node, const Thread* killed);
-    // Where a node leaves the queue. Nodes are never freed (other threads may still hold their
-    // addresses), so these only mark the two places a reclamation scheme would hook into.
+    // Where a node leaves the queue: an old head once its successor has become the head, a
+    // cancelled node once no prev and no tail names it any more.
     static void retireOldHead(Node* oldHead);
     static void retireCancelled(Node* cancelled);
 
-    void ensureQueue();
-    Node* enq(Node* node);
+    void reserveSentinel();
+    void ensureQueue(bool mayAllocate);
+    Node* enq(Node* node, bool mayAllocate);
     Node* addWaiter(Node* mode);
     void setHead(Node* node);
     void unparkSuccessor(Node* node);
+    void signalNext();
+    Node* validSuccessor(const Node* node) const;
     Node* firstLiveFromTail(const Node* node) const;
     void cancelAcquire(Node* node);
     static bool shouldParkAfterFailedAcquire(Node* pred, Node* node);
@@ -179,12 +213,16 @@ private:
     bool findNodeFromTail(const Node* node) const;
     bool isOnSyncQueue(const Node* node) const;
     int fullyRelease(Node* node);
+    static void giveUpUnqueuedNode(Node* node);
     bool transferForSignal(Node* node);
     bool transferAfterCancelledWait(Node* node);
 
     AtomicPtr<Node> m_head;
     AtomicPtr<Node> m_tail;
     Atomic<int> m_state;
+    // A sentinel made ahead by a condition waiter, for whoever first links a node; see
+    // reserveSentinel.
+    std::atomic<Node*> m_spare;
 };
 
 // ConditionObject: the condition of a synchronizer held exclusively. A waiter's node stands on
