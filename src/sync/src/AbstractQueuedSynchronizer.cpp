@@ -354,7 +354,6 @@ bool AbstractQueuedSynchronizer::acquireQueued(Node* node, int arg) {
     bool interrupted = false;
     try {
         for (;;) {
-            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
                 setHead(node);
@@ -379,7 +378,6 @@ void AbstractQueuedSynchronizer::doAcquireInterruptibly(int arg) {
     Node* node = addWaiter(Node::EXCLUSIVE.get());
     try {
         for (;;) {
-            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
                 setHead(node);
@@ -408,7 +406,6 @@ bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout)
     Node* node = addWaiter(Node::EXCLUSIVE.get());
     try {
         for (;;) {
-            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             if (p == m_head.get() && tryAcquire(arg)) {
                 setHead(node);
@@ -543,7 +540,6 @@ void AbstractQueuedSynchronizer::doAcquireShared(int arg) {
     bool interrupted = false;
     try {
         for (;;) {
-            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             MW_TRY_SHARED_AS_FIRST(p, node, arg, {
                 if (interrupted) selfInterrupt();
@@ -561,7 +557,6 @@ void AbstractQueuedSynchronizer::doAcquireSharedInterruptibly(int arg) {
     Node* node = addWaiter(Node::SHARED.get());
     try {
         for (;;) {
-            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             MW_TRY_SHARED_AS_FIRST(p, node, arg, return)
             if (shouldParkAfterFailedAcquire(p, node) && parkAndCheckInterrupt()) break;
@@ -578,7 +573,6 @@ bool AbstractQueuedSynchronizer::doAcquireSharedNanos(int arg, long long nanosTi
     Node* node = addWaiter(Node::SHARED.get());
     try {
         for (;;) {
-            section.refresh();  // each pass reads its nodes afresh
             Node* p = node->predecessor();
             MW_TRY_SHARED_AS_FIRST(p, node, arg, return true)
             if (nanosTimeout <= 0) {

@@ -31,11 +31,16 @@ const bool REUSE = true;
 #endif
 // RETIRED_LIMIT: a thread that retires more than it takes collects on its own once it keeps this
 // many; otherwise collecting waits for the next take() that finds no free node.
+// COLLECT_AT_LEAST: a thread out of free nodes collects only once it keeps that many retired
+// ones, so that moving the epoch on (which every announcing thread then reads anew) is paid for
+// by a batch.
 #if defined(MW_SYNC_EAGER_RECLAIM)
 const unsigned RETIRED_LIMIT = 1;
+const unsigned COLLECT_AT_LEAST = 1;
 const unsigned FREE_KEPT = 0;
 #else
 const unsigned RETIRED_LIMIT = 256;
+const unsigned COLLECT_AT_LEAST = 16;
 const unsigned FREE_KEPT = 64;
 #endif
 
@@ -182,7 +187,9 @@ Node* NodePool::take(HazardRecord* record, const Thread* waiter, int status, Nod
     Node* node = nullptr;
     if (REUSE) {
         NodeCache& cache = cacheOf(record);
-        if (cache.free == nullptr && cache.retiredCount != 0) collect(record, cache, true);
+        if (cache.free == nullptr && cache.retiredCount >= COLLECT_AT_LEAST) {
+            collect(record, cache, true);
+        }
         node = asNode(cache.free);
         if (node != nullptr) {
             cache.free = node->poolNext.load(std::memory_order_relaxed);
