@@ -35,8 +35,9 @@ fi
 exports="$(sed -n '/^\[Ordinal\/Name Pointer\] Table/,/^$/p' <<<"$table" |
   sed -n 's/^[[:space:]]*\[ *[0-9]*\] //p' | "$demangle")"
 families='AbstractQueuedSynchronizer|FairLockPolicy|NonFairLockPolicy|Object|Guard|Thread|Runnable'
-families+='|TimeUnit|TimeUtil|DefaultThreadFactory'
-families+='|detail::(TLockSync|ThreadBase|ParkEvent|TlsPtrBase)'
+families+='|TimeUnit|TimeUtil|DefaultThreadFactory|Semaphore|CountDownLatch|ReadWriteLock'
+families+='|detail::(TLockSync|ThreadBase|ParkEvent|TlsPtrBase|SemaphoreSync|CountDownLatchSync'
+families+='|ReadWriteLockSync)'
 prefix='(vtable for |typeinfo for |typeinfo name for |VTT for |(non-)?virtual thunk to )?'
 bad_exports="$(grep -v -E "^${prefix}mw::(${families})(::|\$)" <<<"$exports" || true)"
 if [[ -z "$exports" ]]; then
