@@ -420,9 +420,7 @@ bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout)
             if (!shouldParkAfterFailedAcquire(p, node)) continue;
             parkCurrentNanos(nanosTimeout);
             if (detail::currentThreadFast()->isInterrupted(true)) break;
-            long long now = TimeUtil::nanoTime();
-            nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
-            lastTime = now;
+            nanosTimeout = detail::timeLeft(nanosTimeout, lastTime, TimeUtil::nanoTime());
         }
     }
     MW_GIVE_UP_NODE_ON_EXCEPTION(node)
@@ -582,9 +580,7 @@ bool AbstractQueuedSynchronizer::doAcquireSharedNanos(int arg, long long nanosTi
             if (!shouldParkAfterFailedAcquire(p, node)) continue;
             parkCurrentNanos(nanosTimeout);
             if (detail::currentThreadFast()->isInterrupted(true)) break;
-            long long now = TimeUtil::nanoTime();
-            nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
-            lastTime = now;
+            nanosTimeout = detail::timeLeft(nanosTimeout, lastTime, TimeUtil::nanoTime());
         }
     }
     MW_GIVE_UP_NODE_ON_EXCEPTION(node)

@@ -228,9 +228,7 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
         parkCurrentNanos(nanosTimeout);
         interruptMode = checkInterruptWhileWaiting(node);
         if (interruptMode != 0) break;
-        long long now = TimeUtil::nanoTime();
-        nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
-        lastTime = now;
+        nanosTimeout = detail::timeLeft(nanosTimeout, lastTime, TimeUtil::nanoTime());
     }
     finishWait(node, savedState, interruptMode);
     return !timedOut;
@@ -253,9 +251,7 @@ long long ConditionObject::awaitNanos(long long nanosTimeout) const {
         parkCurrentNanos(nanosTimeout);
         interruptMode = checkInterruptWhileWaiting(node);
         if (interruptMode != 0) break;
-        long long now = TimeUtil::nanoTime();
-        nanosTimeout = detail::saturatingSub(nanosTimeout, detail::saturatingSub(now, lastTime));
-        lastTime = now;
+        nanosTimeout = detail::timeLeft(nanosTimeout, lastTime, TimeUtil::nanoTime());
     }
     finishWait(node, savedState, interruptMode);
     return detail::saturatingSub(nanosTimeout,

@@ -146,6 +146,20 @@ AbstractQueuedSynchronizer::ConditionObject* ReadWriteLockSync::newCondition() c
     return new ConditionObject(this);
 }
 
+namespace {
+
+// After the compareAndSet that took the hold: counts it in the caller's table, where room was made
+// before ([W2]), so this cannot fail.
+void addReadHold(ReadHoldTable& table, ReadHoldTable::Entry* holds, unsigned long long id) {
+    if (holds == nullptr) {
+        table.insert(id);
+    } else {
+        ++holds->count;
+    }
+}
+
+}  // namespace
+
 // ---- the read side ------------------------------------------------------------------------------
 
 // Fails while another thread writes, and for a new reader that gives way to the queue; a reader
@@ -165,11 +179,7 @@ int ReadWriteLockSync::tryAcquireShared(int) {
         if (readCount(c) == MAX_COUNT) MW_THROW(IllegalMonitorStateException, MAXIMUM_EXCEEDED);
         if (compareAndSetState(stateOf(c), stateOf(c + SHARED_UNIT))) break;
     }
-    if (holds == nullptr) {
-        table.insert(m_id);
-    } else {
-        ++holds->count;
-    }
+    addReadHold(table, holds, m_id);
     return 1;
 }
 
@@ -199,11 +209,7 @@ bool ReadWriteLockSync::tryLockRead() {
         if (readCount(c) == MAX_COUNT) MW_THROW(IllegalMonitorStateException, MAXIMUM_EXCEEDED);
         if (compareAndSetState(stateOf(c), stateOf(c + SHARED_UNIT))) break;
     }
-    if (holds == nullptr) {
-        table.insert(m_id);
-    } else {
-        ++holds->count;
-    }
+    addReadHold(table, holds, m_id);
     return true;
 }
 

@@ -20,6 +20,13 @@ inline long long saturatingSub(long long a, long long b) {
     return difference;
 }
 
+// A timed wait's time left once the clock has moved on from lastTime to now; lastTime becomes now.
+inline long long timeLeft(long long nanosTimeout, long long& lastTime, long long now) {
+    long long left = saturatingSub(nanosTimeout, saturatingSub(now, lastTime));
+    lastTime = now;
+    return left;
+}
+
 }  // namespace detail
 }  // namespace mw
 

@@ -66,9 +66,10 @@ TEST(NodeReclamation, NodesAreRecycledSoThatTheirNumberStaysFlat) {
     for (int phase = 0; phase < 4; ++phase) queued += takeTurns(lock, *turn, 3, 5000);
     unsigned long long madeSince = NodePool::nodesMade() - made;
     EXPECT_GE(queued, 60000u);
-    // Each thread's cache keeps up to a few dozen nodes, so some are still made while the caches
-    // of the new threads' records settle; one per queued wait would be tens of thousands.
-    EXPECT_LT(madeSince, 1000u) << queued << " queued waits made " << madeSince << " nodes";
+    // Each record keeps up to a few hundred nodes (retired and free) before it hands them on, so
+    // nodes are still made while the caches of the new threads' records fill: about 1% of the
+    // waits here. One per queued wait would be all of them.
+    EXPECT_LT(madeSince * 20, queued) << queued << " queued waits made " << madeSince << " nodes";
 }
 
 }  // namespace
