@@ -54,12 +54,23 @@ void movePrev(Node* node, Node* prev) { node->prev.store(prev, std::memory_order
 // ---- state, copy, lifetime ----------------------------------------------------------------------
 
 AbstractQueuedSynchronizer::AbstractQueuedSynchronizer()
-    : m_head(), m_tail(), m_state(0), m_spare(nullptr) {}
+    : m_head(), m_tail(), m_state(0), m_fenceFreeRelease(false), m_spare(nullptr) {}
+
+AbstractQueuedSynchronizer::AbstractQueuedSynchronizer(bool fenceFreeRelease)
+    : m_head(),
+      m_tail(),
+      m_state(0),
+      m_fenceFreeRelease(fenceFreeRelease && platform::processBarrierAvailable()),
+      m_spare(nullptr) {}
 
 // Nodes are recycled once they leave their queue, so two synchronizers never share one: a copy
 // takes the state alone and starts with no queue; an assignment keeps this object's own queue.
 AbstractQueuedSynchronizer::AbstractQueuedSynchronizer(const AbstractQueuedSynchronizer& other)
-    : m_head(), m_tail(), m_state(other.m_state), m_spare(nullptr) {}
+    : m_head(),
+      m_tail(),
+      m_state(other.m_state),
+      m_fenceFreeRelease(other.m_fenceFreeRelease),
+      m_spare(nullptr) {}
 
 AbstractQueuedSynchronizer& AbstractQueuedSynchronizer::operator=(
     const AbstractQueuedSynchronizer& other) {
@@ -275,8 +286,10 @@ bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* 
             retireCancelled(skipped);
         } while (pred->status.get() > 0);
         pred->next.set(node);
-    } else {
-        pred->status.compareAndSet(s, Node::SIGNAL);  // 0, or a PROPAGATE taken over [R3]
+    } else if (pred->status.compareAndSet(s, Node::SIGNAL) &&  // 0, or a PROPAGATE taken over [R3]
+               m_fenceFreeRelease) {
+        // [A1] the mark comes before the caller's next look at the state, for every releaser.
+        platform::processBarrier();
     }
     return false;
 }
@@ -314,19 +327,6 @@ void AbstractQueuedSynchronizer::cancelAcquire(Node* node) {
 
 // ---- exclusive acquisition ----------------------------------------------------------------------
 
-// The first waiter watches the synchronizer for a short while before it asks to be woken: a holder
-// that lets go within that time hands over without a wake-up, and its release, finding the head's
-// status still 0, wakes nobody. It spins only while it has not yet marked its predecessor.
-bool AbstractQueuedSynchronizer::spinAsFirst(Node* p, int arg) {
-    const int FIRST_WAITER_SPINS = 64;
-    for (int round = 0; round < FIRST_WAITER_SPINS; ++round) {
-        if (p->status.get() != 0 || p != m_head.get()) return false;
-        platform::cpuRelax();
-        if (tryAcquire(arg)) return true;
-    }
-    return false;
-}
-
 bool AbstractQueuedSynchronizer::parkAndCheckInterrupt() {
     parkCurrent();
     return detail::currentThreadFast()->isInterrupted(true);
@@ -355,7 +355,7 @@ bool AbstractQueuedSynchronizer::acquireQueued(Node* node, int arg) {
     try {
         for (;;) {
             Node* p = node->predecessor();
-            if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
+            if (p == m_head.get() && tryAcquire(arg)) {
                 setHead(node);
                 p->next.set(nullptr);  // [Q3]
                 retireOldHead(p);
@@ -379,7 +379,7 @@ void AbstractQueuedSynchronizer::doAcquireInterruptibly(int arg) {
     try {
         for (;;) {
             Node* p = node->predecessor();
-            if (p == m_head.get() && (tryAcquire(arg) || spinAsFirst(p, arg))) {
+            if (p == m_head.get() && tryAcquire(arg)) {
                 setHead(node);
                 p->next.set(nullptr);  // [Q3]
                 retireOldHead(p);

@@ -53,7 +53,6 @@ std::atomic<Node*> s_shared(nullptr);
 // taken all at once by a collecting thread: neither can be fooled by the same address.
 std::atomic<Node*> s_orphans(nullptr);
 std::atomic<unsigned long long> s_made(0);
-std::atomic<unsigned long long> s_taken(0);
 
 void poison(Node* node) {
 #if defined(MW_POISON_FREE_NODES)
@@ -205,7 +204,9 @@ Node* NodePool::take(HazardRecord* record, const Thread* waiter, int status, Nod
         unpoison(node);
     }
     node->reset(waiter, status, mode);
-    s_taken.fetch_add(1, std::memory_order_relaxed);
+    // A per-record count, so that counting costs no shared write on the path that queues.
+    NodeCache& cache = cacheOf(record);
+    cache.taken.store(cache.taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return node;
 }
 
@@ -230,7 +231,13 @@ void NodePool::leaveList(HazardRecord* record, Node* node) { leave(record, node)
 
 unsigned long long NodePool::nodesMade() { return s_made.load(std::memory_order_relaxed); }
 
-unsigned long long NodePool::nodesTaken() { return s_taken.load(std::memory_order_relaxed); }
+unsigned long long NodePool::nodesTaken() {
+    unsigned long long taken = 0;
+    for (HazardRecord* r = HazardRecord::first(); r != nullptr; r = r->next()) {
+        taken += r->nodeCache().taken.load(std::memory_order_relaxed);
+    }
+    return taken;
+}
 
 }  // namespace detail
 }  // namespace mw

@@ -15,7 +15,11 @@ NonFairLockPolicy& NonFairLockPolicy::operator=(const NonFairLockPolicy& other) 
 
 NonFairLockPolicy::~NonFairLockPolicy() {}
 
-bool NonFairLockPolicy::tryAcquire(int acquires) { return nonfairTryAcquire(acquires); }
+// A lock held by another thread is watched for a moment before the caller queues (or, as the
+// first queued thread, parks): a holder that lets go soon hands over without a wake-up.
+bool NonFairLockPolicy::tryAcquire(int acquires) {
+    return nonfairTryAcquire(acquires) || (spinWhileHeld() && nonfairTryAcquire(acquires));
+}
 
 // A reentrant lock by the owner fails the fast attempt and succeeds in acquire's first tryAcquire.
 // The calling thread is looked up before the compareAndSet: its adoption may fail, and it must

@@ -48,6 +48,8 @@ struct NodeCache {
     unsigned retiredCount = 0;
     void* free = nullptr;
     unsigned freeCount = 0;
+    // Nodes taken through this record, ever: written by the owner alone, read by anyone.
+    std::atomic<unsigned long long> taken{0};
 };
 
 class HazardRecord {

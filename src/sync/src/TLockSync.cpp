@@ -1,16 +1,21 @@
 #include "concurrent/TLockSync.h"
 
+#include <algorithm>
+
 #include "ThreadInfoSlot.h"
 #include "ThreadRegistry.h"
+#include "platform.h"
 #include "concurrent/IllegalMonitorStateException.h"
 
 namespace mw {
 namespace detail {
 
-TLockSync::TLockSync() : AbstractQueuedSynchronizer(), m_owner(0) {}
+TLockSync::TLockSync() : AbstractQueuedSynchronizer(true), m_owner(0), m_spinRounds(0) {}
 
 TLockSync::TLockSync(const TLockSync& other)
-    : AbstractQueuedSynchronizer(other), m_owner(other.m_owner.load(std::memory_order_relaxed)) {}
+    : AbstractQueuedSynchronizer(other),
+      m_owner(other.m_owner.load(std::memory_order_relaxed)),
+      m_spinRounds(0) {}
 
 TLockSync& TLockSync::operator=(const TLockSync& other) {
     AbstractQueuedSynchronizer::operator=(other);
@@ -42,7 +47,26 @@ bool TLockSync::tryRelease(int releases) {
     if (!isOwner(currentThreadFast())) MW_THROW(IllegalMonitorStateException, "");
     bool free = c == 0;
     if (free) clearOwner();  // [L1]
-    setState(c);
+    releaseState(c);
+    return free;
+}
+
+// 26 ns a pause on the machines measured: at most about 5 us, which is shorter than a park and
+// wake-up; at least a few hundred nanoseconds, so that a lock that was held long once can learn
+// again that it is now held briefly.
+bool TLockSync::spinWhileHeld() {
+    const int MIN_ROUNDS = 16;
+    const int MAX_ROUNDS = 200;
+    int recent = m_spinRounds.load(std::memory_order_relaxed);
+    int limit = std::min(MAX_ROUNDS, 2 * recent + MIN_ROUNDS);
+    int rounds = 0;
+    bool free = false;
+    while (!free && rounds < limit) {
+        platform::cpuRelax();
+        ++rounds;
+        free = getState() == 0;
+    }
+    m_spinRounds.store(recent + (rounds - recent) / 8, std::memory_order_relaxed);
     return free;
 }
 

@@ -91,6 +91,15 @@ std::int64_t queryPerformanceCounter();
 void yieldThread();
 void sleepMilliseconds(std::uint32_t milliseconds);
 
+// A process-wide memory barrier: when processBarrier returns, every other thread of the process
+// has executed a full memory barrier at some moment since the call began (or was not running, and
+// its stores were made visible by the switch). It lets one side of a Dekker-style handshake keep a
+// plain store while the other, rare side pays for the ordering of both. processBarrierAvailable
+// is decided once, on the first call (made at load), and never changes; where it is false,
+// processBarrier must not be relied on.
+bool processBarrierAvailable();
+void processBarrier();
+
 // Tells the processor that the caller is spinning (x86 pause), on every supported target.
 inline void cpuRelax() { __builtin_ia32_pause(); }
 

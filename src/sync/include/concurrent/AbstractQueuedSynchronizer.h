@@ -146,9 +146,27 @@ public:
 
 protected:
     AbstractQueuedSynchronizer();
+    // fenceFreeRelease: the subclass lets its state go with releaseState, and wants the cheap
+    // release where the platform has a process-wide barrier (see releaseState).
+    explicit AbstractQueuedSynchronizer(bool fenceFreeRelease);
 
     int getState() const { return m_state.get(); }
     void setState(int newState) { m_state.set(newState); }
+    // The store of a release that may free the synchronizer. It must be ordered before the release
+    // reads the head's status ([A1]): else a waiter that marked the head and then found the state
+    // still taken would park while the release read the status from before the mark, and nobody
+    // would wake it. With a fence-free release the store is a plain release store (no barrier,
+    // only a compiler fence) and the waiter pays instead: between its mark and its last look at
+    // the state it runs the process-wide barrier, after which either its look sees this store or
+    // this release's read of the status sees its mark. Elsewhere the store is a full barrier.
+    void releaseState(int newState) {
+        if (m_fenceFreeRelease) {
+            m_state.lazySet(newState);
+            std::atomic_signal_fence(std::memory_order_seq_cst);  // [A1]
+        } else {
+            m_state.set(newState);  // [A1]
+        }
+    }
     bool compareAndSetState(int expect, int update) {
         return m_state.compareAndSet(expect, update);
     }
@@ -197,7 +215,7 @@ private:
     Node* validSuccessor(const Node* node) const;
     Node* firstLiveFromTail(const Node* node) const;
     void cancelAcquire(Node* node);
-    static bool shouldParkAfterFailedAcquire(Node* pred, Node* node);
+    bool shouldParkAfterFailedAcquire(Node* pred, Node* node);
     static void takePendingWakeUp(Node* head);
     void setHeadAndPropagate(Node* node, int propagate);
     void doReleaseShared();
@@ -206,7 +224,6 @@ private:
     bool doAcquireSharedNanos(int arg, long long nanosTimeout);
     void doAcquireInterruptibly(int arg);
     bool doAcquireNanos(int arg, long long nanosTimeout);
-    bool spinAsFirst(Node* p, int arg);
     static bool parkAndCheckInterrupt();
     static void selfInterrupt();
 
@@ -220,6 +237,8 @@ private:
     AtomicPtr<Node> m_head;
     AtomicPtr<Node> m_tail;
     Atomic<int> m_state;
+    // Fixed at construction; see releaseState.
+    const bool m_fenceFreeRelease;
     // A sentinel made ahead by a condition waiter, for whoever first links a node; see
     // reserveSentinel.
     std::atomic<Node*> m_spare;

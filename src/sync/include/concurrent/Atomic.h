@@ -33,6 +33,10 @@ public:
 
     void set(T value) { m_value.exchange(value); }
 
+    // A store with release ordering and no barrier: later loads may pass it. Only for a writer
+    // whose protocol makes up for that (see AbstractQueuedSynchronizer::releaseState).
+    void lazySet(T value) { m_value.store(value, std::memory_order_release); }
+
     bool compareAndSet(T expect, T update) {
         return m_value.compare_exchange_strong(expect, update);
     }

@@ -1,5 +1,6 @@
 // NonFairLockPolicy: a newcomer may take a free lock ahead of every queued thread, once in lock()
-// and again in the first tryAcquire of the queued path.
+// and again in the first tryAcquire of the queued path. Its tryAcquire watches a lock held by
+// another thread for a moment before it gives up (TLockSync::spinWhileHeld).
 #ifndef MW_CONCURRENT_NON_FAIR_LOCK_POLICY_H
 #define MW_CONCURRENT_NON_FAIR_LOCK_POLICY_H
 

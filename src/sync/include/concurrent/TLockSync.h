@@ -3,7 +3,7 @@
 // A serial, not an address: a thread that ends holding the lock leaves its serial behind, and a
 // new object that the allocator puts at the dead one's address has another, so it neither owns
 // the lock nor passes for its owner. m_state leaves 0 only by compareAndSet; every
-// other change is made by the owner alone, by exchange. The most derived class, the policy,
+// other change is made by the owner alone, the one that frees the lock by releaseState. The most derived class, the policy,
 // decides how lock() and tryAcquire() treat queued threads.
 #ifndef MW_CONCURRENT_TLOCK_SYNC_H
 #define MW_CONCURRENT_TLOCK_SYNC_H
@@ -45,10 +45,18 @@ protected:
     bool isOwner(const Thread* thread) const {
         return m_owner.load(std::memory_order_relaxed) == thread->getSerial();
     }
+    // Spins while another thread holds the lock, for about twice the rounds that spins on this lock
+    // have needed lately (so a lock held for long soon stops spinning), never more than a few
+    // microseconds; true once the lock reads free. Never parks and never allocates: a short wait
+    // costs neither a queue node nor a system call.
+    bool spinWhileHeld();
 
 private:
     // A whole-word field read by other threads without a lock; m_state's exchanges order it.
     std::atomic<unsigned long long> m_owner;
+    // The rounds that a spin on this lock needed lately, as a moving average; a hint, so its
+    // updates may be lost.
+    std::atomic<int> m_spinRounds;
 };
 
 }  // namespace detail

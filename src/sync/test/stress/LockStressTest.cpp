@@ -259,4 +259,55 @@ TEST(ConditionStress, SignalRacesTimeoutsAndInterrupts) {
     EXPECT_FALSE(lock.hasQueuedThreads());
 }
 
+// The lock's synchronizer with its spin taken out, so that a waiter queues and marks the head while
+// the holder runs: the moment at which a release that frees the lock without a fence (where the
+// process-wide barrier allows it) could miss the mark.
+class UnspunLock : public mw::detail::TLockSync {
+public:
+    virtual bool tryAcquire(int acquires) { return nonfairTryAcquire(acquires); }
+    virtual void lock() { acquire(1); }
+};
+
+// Two threads take turns: after a pass, a thread waits until the other has had the lock, so that
+// every pass is a hand-over to a thread that arrived while the lock was held, and the holder's
+// stay varies so that its release meets every step of the other's queueing. A release that misses
+// the waiter's mark leaves it parked with the lock free; nobody else will come to wake it, and
+// the thread waiting for its turn aborts the run at its deadline.
+TEST(LockStress, HandOversToArrivingWaitersLoseNoWakeUp) {
+    const long PASSES = 100000L * mwtest::stressScale();
+    UnspunLock lock;
+    long inside = 0;
+    std::atomic<int> lastHolder(-1);
+    std::atomic<long> busy(0);
+    std::atomic<int> finished(0);
+    mwtest::Latch start(2);
+    auto awaitTurnOver = [&](int me) {
+        bool over = mwtest::eventually(
+            [&] { return lastHolder.load() != me || finished.load() != 0; },
+            std::chrono::seconds(60), 4096);
+        if (!over) {
+            std::fprintf(stderr, "HandOversToArrivingWaitersLoseNoWakeUp: a waiter was not woken\n");
+            std::abort();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int me = 0; me < 2; ++me) {
+        threads.emplace_back([&, me] {
+            start.arriveAndWait();
+            for (long i = 0; i < PASSES; ++i) {
+                lock.lock();
+                ++inside;
+                lastHolder.store(me);
+                for (long k = 0; k < i % 64; ++k) busy.fetch_add(1, std::memory_order_relaxed);
+                lock.release(1);
+                awaitTurnOver(me);
+            }
+            finished += 1;
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(2 * PASSES, inside);
+    EXPECT_FALSE(lock.hasQueuedThreads());
+}
+
 }  // namespace
