@@ -2,12 +2,17 @@
 # Installs what the build needs on Debian 12, and only what is missing.
 #   scripts/install-deps.sh            native build, tests and benchmarks
 #   scripts/install-deps.sh --windows  also the MinGW-w64 cross compiler and Wine
+#   scripts/install-deps.sh --bench    also the benchmark-only peers and plotter (scripts/bench.sh)
 set -euo pipefail
 
 packages=(cmake g++ make libboost-thread-dev libgtest-dev googletest libbenchmark-dev libtbb-dev)
-if [[ "${1:-}" == "--windows" ]]; then
-  packages+=(g++-mingw-w64-x86-64-posix wine64)
-fi
+for option in "$@"; do
+  case "$option" in
+    --windows) packages+=(g++-mingw-w64-x86-64-posix wine64) ;;
+    --bench) packages+=(libabsl-dev gnuplot-nox) ;;
+    *) echo "unknown option: $option" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do

@@ -2,6 +2,7 @@
 // come back; one iteration is one round trip, i.e. two signal/await hand-overs.
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -15,30 +16,40 @@
 
 namespace {
 
-// turn: 0 = the measuring thread's, 1 = the echo thread's, 2 = stop.
+// Whose turn it is: 0 = the measuring thread's, 1 = the echo thread's, 2 = stop. Read and written
+// only under the lock, which orders it; relaxed access compiles to plain moves.
+class Turn {
+public:
+    int get() const { return m_value.load(std::memory_order_relaxed); }
+    void set(int value) { m_value.store(value, std::memory_order_relaxed); }
+
+private:
+    std::atomic<int> m_value{0};
+};
+
 struct StdPingPong {
     std::mutex mutex;
     std::condition_variable changed;
-    int turn = 0;
+    Turn turn;
 
     void roundTrip() {
         std::unique_lock<std::mutex> hold(mutex);
-        turn = 1;
+        turn.set(1);
         changed.notify_one();
-        changed.wait(hold, [this] { return turn == 0; });
+        changed.wait(hold, [this] { return turn.get() == 0; });
     }
     void echo() {
         std::unique_lock<std::mutex> hold(mutex);
         for (;;) {
-            changed.wait(hold, [this] { return turn != 0; });
-            if (turn == 2) return;
-            turn = 0;
+            changed.wait(hold, [this] { return turn.get() != 0; });
+            if (turn.get() == 2) return;
+            turn.set(0);
             changed.notify_one();
         }
     }
     void stop() {
         std::lock_guard<std::mutex> hold(mutex);
-        turn = 2;
+        turn.set(2);
         changed.notify_one();
     }
 };
@@ -46,28 +57,28 @@ struct StdPingPong {
 struct MwLockPingPong {
     mw::ReentrantLock<mw::NonFairLockPolicy> lock;
     std::unique_ptr<mw::Condition> changed{lock.newCondition()};
-    int turn = 0;
+    Turn turn;
 
     void roundTrip() {
         lock.lock();
-        turn = 1;
+        turn.set(1);
         changed->signal();
-        while (turn != 0) changed->await();
+        while (turn.get() != 0) changed->await();
         lock.unlock();
     }
     void echo() {
         lock.lock();
         for (;;) {
-            while (turn == 0) changed->await();
-            if (turn == 2) break;
-            turn = 0;
+            while (turn.get() == 0) changed->await();
+            if (turn.get() == 2) break;
+            turn.set(0);
             changed->signal();
         }
         lock.unlock();
     }
     void stop() {
         lock.lock();
-        turn = 2;
+        turn.set(2);
         changed->signal();
         lock.unlock();
     }
@@ -75,26 +86,26 @@ struct MwLockPingPong {
 
 struct MwMonitorPingPong {
     mw::Object monitor;
-    int turn = 0;
+    Turn turn;
 
     void roundTrip() {
         mw::Guard guard(monitor);
-        turn = 1;
+        turn.set(1);
         monitor.notify();
-        while (turn != 0) monitor.wait(0, 0);
+        while (turn.get() != 0) monitor.wait(0, 0);
     }
     void echo() {
         mw::Guard guard(monitor);
         for (;;) {
-            while (turn == 0) monitor.wait(0, 0);
-            if (turn == 2) return;
-            turn = 0;
+            while (turn.get() == 0) monitor.wait(0, 0);
+            if (turn.get() == 2) return;
+            turn.set(0);
             monitor.notify();
         }
     }
     void stop() {
         mw::Guard guard(monitor);
-        turn = 2;
+        turn.set(2);
         monitor.notify();
     }
 };

@@ -4,7 +4,7 @@
 
 namespace mw {
 
-FairLockPolicy::FairLockPolicy() : TLockSync() {}
+FairLockPolicy::FairLockPolicy() : TLockSync(false) {}
 
 FairLockPolicy::FairLockPolicy(const FairLockPolicy& other) : TLockSync(other) {}
 
@@ -16,9 +16,9 @@ FairLockPolicy& FairLockPolicy::operator=(const FairLockPolicy& other) {
 FairLockPolicy::~FairLockPolicy() {}
 
 // A free lock goes to the caller unless another thread stands first in the queue; an empty queue,
-// or one that shows no thread yet, lets the caller try. A caller that would be next (the queue is
-// empty, or it is the first queued thread) watches a held lock for a moment before it queues or
-// parks: the hand-over to a running first waiter then costs no wake-up, and the order stays FIFO.
+// or one that shows no thread yet, lets the caller try. The first queued thread watches a held lock
+// for a moment before it parks: the hand-over to a running first waiter costs no wake-up, and the
+// order stays FIFO. A newcomer does not spin: it has no place in the order until it queues.
 bool FairLockPolicy::tryAcquire(int acquires) {
     const Thread* current = detail::currentThreadFast();
     int c = getState();
@@ -26,13 +26,26 @@ bool FairLockPolicy::tryAcquire(int acquires) {
         setState(c + acquires);
         return true;
     }
-    if (hasQueuedPredecessors()) return false;
-    if (c != 0 && (!spinWhileHeld() || hasQueuedPredecessors())) return false;
+    if (c != 0) {
+        if (!hasQueuedThreads() || fullGetFirstQueuedThread() != current) return false;
+        if (!spinWhileHeld()) return false;
+    } else if (hasQueuedPredecessors()) {
+        return false;
+    }
     if (!compareAndSetState(0, acquires)) return false;
     setOwner(current);
     return true;
 }
 
-void FairLockPolicy::lock() { acquire(1); }
+// A free lock with nobody queued is taken at once, as tryAcquire would take it, without the
+// virtual call and the queue inspection of the acquire path.
+void FairLockPolicy::lock() {
+    const Thread* current = detail::currentThreadFast();
+    if (getState() == 0 && !hasQueuedThreads() && compareAndSetState(0, 1)) {
+        setOwner(current);
+        return;
+    }
+    acquire(1);
+}
 
 }  // namespace mw

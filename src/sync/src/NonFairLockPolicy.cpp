@@ -4,7 +4,7 @@
 
 namespace mw {
 
-NonFairLockPolicy::NonFairLockPolicy() : TLockSync() {}
+NonFairLockPolicy::NonFairLockPolicy() : TLockSync(true) {}
 
 NonFairLockPolicy::NonFairLockPolicy(const NonFairLockPolicy& other) : TLockSync(other) {}
 

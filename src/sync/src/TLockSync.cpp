@@ -10,7 +10,8 @@
 namespace mw {
 namespace detail {
 
-TLockSync::TLockSync() : AbstractQueuedSynchronizer(true), m_owner(0), m_spinRounds(0) {}
+TLockSync::TLockSync(bool fenceFreeRelease)
+    : AbstractQueuedSynchronizer(fenceFreeRelease), m_owner(0), m_spinRounds(0) {}
 
 TLockSync::TLockSync(const TLockSync& other)
     : AbstractQueuedSynchronizer(other),

@@ -1,6 +1,6 @@
 // FairLockPolicy: a free lock goes to the caller only if no other thread stands first in the
-// queue. tryLock() without a time still barges (it uses nonfairTryAcquire). A caller that would be
-// next watches a held lock for a moment before it queues or parks (TLockSync::spinWhileHeld).
+// queue. tryLock() without a time still barges (it uses nonfairTryAcquire). The first queued thread
+// watches a held lock for a moment before it parks (TLockSync::spinWhileHeld).
 #ifndef MW_CONCURRENT_FAIR_LOCK_POLICY_H
 #define MW_CONCURRENT_FAIR_LOCK_POLICY_H
 

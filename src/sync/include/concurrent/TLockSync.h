@@ -19,7 +19,9 @@ namespace detail {
 
 class MW_API TLockSync : public AbstractQueuedSynchronizer {
 public:
-    TLockSync();
+    // fenceFreeRelease: as for AbstractQueuedSynchronizer. The non-fair policy asks for it; the
+    // fair one does not, for its hand-overs make every releaser that comes back queue and park.
+    explicit TLockSync(bool fenceFreeRelease);
     TLockSync(const TLockSync& other);
     TLockSync& operator=(const TLockSync& other);
     virtual ~TLockSync();

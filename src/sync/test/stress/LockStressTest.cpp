@@ -264,6 +264,7 @@ TEST(ConditionStress, SignalRacesTimeoutsAndInterrupts) {
 // process-wide barrier allows it) could miss the mark.
 class UnspunLock : public mw::detail::TLockSync {
 public:
+    UnspunLock() : TLockSync(true) {}
     virtual bool tryAcquire(int acquires) { return nonfairTryAcquire(acquires); }
     virtual void lock() { acquire(1); }
 };
