@@ -71,6 +71,7 @@ public:
             waiterLink.store(mode, std::memory_order_relaxed);
             memberships.store(waitStatus == CONDITION ? 2 : 1, std::memory_order_relaxed);
             leftQueue.store(false, std::memory_order_relaxed);
+            markFenced.store(false, std::memory_order_relaxed);
             retiredAt = 0;
             prev.store(nullptr, std::memory_order_relaxed);
             status.set(waitStatus);
@@ -91,6 +92,9 @@ public:
         // at 0 it is retired. leftQueue makes leaving the queue count once.
         std::atomic<int> memberships{0};
         std::atomic<bool> leftQueue{false};
+        // The node's own thread alone: whether a process-wide barrier followed its latest mark
+        // of its predecessor (see releaseState).
+        std::atomic<bool> markFenced{false};
         // The epoch read when the node was retired; owner of the holding cache only.
         unsigned long long retiredAt = 0;
     };
@@ -157,8 +161,9 @@ protected:
     // still taken would park while the release read the status from before the mark, and nobody
     // would wake it. With a fence-free release the store is a plain release store (no barrier,
     // only a compiler fence) and the waiter pays instead: between its mark and its last look at
-    // the state it runs the process-wide barrier, after which either its look sees this store or
-    // this release's read of the status sees its mark. Elsewhere the store is a full barrier.
+    // the state before it parks it runs the process-wide barrier, after which either that look
+    // sees this store or this release's read of the status sees its mark. Elsewhere the store is
+    // a full barrier.
     void releaseState(int newState) {
         if (m_fenceFreeRelease) {
             m_state.lazySet(newState);
@@ -260,6 +265,10 @@ public:
     ConditionObject& operator=(const ConditionObject& other);
     // Does nothing to the list or its waiters.
     virtual ~ConditionObject();
+
+    // The std::chrono and predicate forms of Condition, next to the overrides of their names.
+    using Condition::await;
+    using Condition::awaitUntil;
 
     virtual bool await(long long time, const TimeUnit& unit) const;
     virtual void await() const;
