@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -47,11 +48,16 @@ namespace {
 const bool s_decidedAtLoad = processBarrierAvailable();
 }  // namespace
 
-// A registered command that fails later has no safe substitute short of the global command, which
-// orders every CPU of the machine and is much slower; a lock that lost both would lose wake-ups,
-// so the process stops instead.
+// The registration belongs to the address space: a child made by fork inherits it on the kernels
+// measured, and one that did not would be registered here on its first refusal. A command that
+// still fails has no safe substitute short of the global command, which orders every CPU of the
+// machine and is much slower; a lock that lost both would lose wake-ups, so the process stops.
 void processBarrier() {
     if (membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0) return;
+    if (errno == EPERM && membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0 &&
+        membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0) {
+        return;
+    }
     if (membarrier(MEMBARRIER_CMD_GLOBAL) == 0) return;
     std::fputs("mw: the process-wide memory barrier failed after it was registered\n", stderr);
     std::abort();
