@@ -3,6 +3,7 @@
 #   scripts/install-deps.sh            native build, tests and benchmarks
 #   scripts/install-deps.sh --windows  also the MinGW-w64 cross compiler and Wine
 #   scripts/install-deps.sh --bench    also the benchmark-only peers and plotter (scripts/bench.sh)
+#   scripts/install-deps.sh --ci       also what CI adds: Clang and pkg-config (package checks)
 set -euo pipefail
 
 packages=(cmake g++ make libboost-thread-dev libgtest-dev googletest libbenchmark-dev libtbb-dev)
@@ -10,6 +11,7 @@ for option in "$@"; do
   case "$option" in
     --windows) packages+=(g++-mingw-w64-x86-64-posix wine64) ;;
     --bench) packages+=(libabsl-dev gnuplot-nox) ;;
+    --ci) packages+=(clang pkg-config) ;;
     *) echo "unknown option: $option" >&2; exit 2 ;;
   esac
 done

@@ -1,7 +1,6 @@
 #include "concurrent/CountDownLatch.h"
 
 #include "concurrent/IllegalArgumentException.h"
-#include "concurrent/TimeUnit.h"
 
 namespace mw {
 
@@ -11,14 +10,6 @@ CountDownLatch::CountDownLatch(int count) : m_sync(count < 0 ? 0 : count) {
 }
 
 CountDownLatch::~CountDownLatch() {}
-
-void CountDownLatch::await() const { m_sync.acquireSharedInterruptibly(1); }
-
-bool CountDownLatch::await(long long time, const TimeUnit& unit) const {
-    return m_sync.tryAcquireSharedNanos(1, unit.toNanos(time));
-}
-
-void CountDownLatch::countDown() { m_sync.releaseShared(1); }
 
 int CountDownLatch::getCount() const { return m_sync.getCount(); }
 

@@ -1,7 +1,6 @@
 #include "concurrent/Object.h"
 
 #include "concurrent/Condition.h"
-#include "concurrent/IllegalArgumentException.h"
 #include "concurrent/NonFairLockPolicy.h"
 #include "concurrent/ReentrantLock.h"
 #include "concurrent/TimeUnit.h"
@@ -26,9 +25,7 @@ Object::~Object() {
 }
 
 // ns only selects the form of the wait; it is neither added to the time nor rounds it up.
-void Object::wait(long long ms, long long ns) const {
-    if (ns < 0 || ns > 999999)
-        MW_THROW(IllegalArgumentException, "Parameter ns out of range > 999999");
+void Object::waitMonitor(long long ms, long long ns) const {
     if (ms == 0 && ns == 0) {
         m_condition->await();
         return;

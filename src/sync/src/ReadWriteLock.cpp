@@ -11,26 +11,6 @@ ReadWriteLock::ReadWriteLock(bool fair) : m_sync(fair), m_readLock(m_sync), m_wr
 
 ReadWriteLock::~ReadWriteLock() {}
 
-void ReadWriteLock::lock() { m_sync.lockWrite(); }
-
-void ReadWriteLock::unlock() { m_sync.unlockWrite(); }
-
-bool ReadWriteLock::try_lock() { return m_sync.tryLockWrite(); }
-
-bool ReadWriteLock::tryLockNanos(long long nanosTimeout) {
-    return m_sync.tryLockWriteNanos(nanosTimeout);
-}
-
-void ReadWriteLock::lock_shared() { m_sync.lockRead(); }
-
-void ReadWriteLock::unlock_shared() { m_sync.unlockRead(); }
-
-bool ReadWriteLock::try_lock_shared() { return m_sync.tryLockRead(); }
-
-bool ReadWriteLock::tryLockSharedNanos(long long nanosTimeout) {
-    return m_sync.tryLockReadNanos(nanosTimeout);
-}
-
 unsigned long long ReadWriteLock::getReadLockCount() const { return m_sync.getReadLockCount(); }
 
 unsigned long long ReadWriteLock::getReadHoldCount() const { return m_sync.getReadHoldCount(); }

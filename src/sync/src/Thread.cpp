@@ -15,6 +15,14 @@
 
 namespace mw {
 
+namespace {
+
+// [H1] Installed by exchange, read with acquire: a handler that a thread installs after
+// preparing what it uses finds that ready on the thread that calls it.
+std::atomic<Thread::UncaughtExceptionHandler> s_uncaughtHandler(nullptr);
+
+}  // namespace
+
 Thread::Thread(Runnable* target, const std::string& name)
     : Thread(nullptr, 0, target, name, NEW, false) {}
 
@@ -205,7 +213,8 @@ unsigned long Thread::startThread(void* argument) {
     try {
         thread->run();
     } catch (...) {
-        // Whatever leaves run() ends the thread in good order, without a trace.
+        // Whatever leaves run() ends the thread in good order, seen only by the handler.
+        thread->reportUncaught();
     }
     try {
         detail::s_threadInfo.reset(nullptr);
@@ -218,24 +227,55 @@ unsigned long Thread::startThread(void* argument) {
 // Never waits on the object itself: it pins the object only to copy the handle, so that an object
 // that its own thread frees at its end (autoDelete) can go while this waits. A thread never waits
 // for itself: through its own object, or through an adopted one, whose handle means the caller.
-void Thread::join(long long milliseconds) const {
-    if (this == detail::currentThreadFast()) return;
-    platform::Handle handle = nullptr;
-    {
-        detail::ThreadPin pin(this);
-        if (!pin.held()) return;
-        platform::Handle own = m_handle.load(std::memory_order_acquire);  // [S2]
-        if (own == platform::currentThreadHandle()) return;
-        std::uint32_t code = 0;
-        if (!platform::getExitCodeThread(own, &code) || code != platform::STILL_ACTIVE_CODE) return;
-        if (m_threadState.get() == NEW) return;
-        handle = platform::duplicateThreadHandle(own);
-        if (handle == nullptr) return;
+void* Thread::joinableHandle(const Thread* thread, bool* ended) {
+    *ended = false;
+    if (thread == detail::currentThreadFast()) return nullptr;
+    detail::ThreadPin pin(thread);
+    if (!pin.held()) {
+        *ended = true;
+        return nullptr;
     }
+    platform::Handle own = thread->m_handle.load(std::memory_order_acquire);  // [S2]
+    if (own == platform::currentThreadHandle()) return nullptr;
+    std::uint32_t code = 0;
+    if (!platform::getExitCodeThread(own, &code) || code != platform::STILL_ACTIVE_CODE) {
+        *ended = true;
+        return nullptr;
+    }
+    if (thread->m_threadState.get() == NEW) return nullptr;
+    return platform::duplicateThreadHandle(own);
+}
+
+void Thread::join(long long milliseconds) const {
+    bool ended = false;
+    platform::Handle handle = joinableHandle(this, &ended);
+    if (handle == nullptr) return;
     std::uint32_t limit = milliseconds == 0 ? platform::INFINITE_WAIT
                                             : static_cast<std::uint32_t>(milliseconds);
     platform::waitThread(handle, limit);
     platform::closeThreadHandle(handle);
+}
+
+// The platform's wait takes 32-bit milliseconds, so the time is waited for in steps of at most
+// the longest finite wait, each rounded up, until steady_clock (the clock on which a caller
+// measures a duration) has seen all of it pass.
+bool Thread::joinNanos(const Thread* thread, long long nanosTimeout) {
+    bool ended = false;
+    platform::Handle handle = joinableHandle(thread, &ended);
+    if (handle == nullptr) return ended;
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    for (long long left = nanosTimeout;;) {
+        const long long millis = detail::wholeMillisUp(left);
+        if (platform::waitThread(handle, static_cast<std::uint32_t>(millis)) ==
+            platform::WAIT_SIGNALED) {
+            ended = true;
+            break;
+        }
+        left = detail::nanosLeft(start, nanosTimeout);
+        if (left <= 0) break;
+    }
+    platform::closeThreadHandle(handle);
+    return ended;
 }
 
 Thread::State Thread::getState() const {
@@ -335,6 +375,25 @@ bool Thread::isInterrupted(bool clear) const {
     if (m_interrupted.get() == 0) return false;
     if (clear) m_interrupted.compareAndSet(1, 0);
     return true;
+}
+
+Thread::UncaughtExceptionHandler Thread::setUncaughtExceptionHandler(
+    UncaughtExceptionHandler handler) {
+    return s_uncaughtHandler.exchange(handler, std::memory_order_acq_rel);  // [H1]
+}
+
+Thread::UncaughtExceptionHandler Thread::getUncaughtExceptionHandler() {
+    return s_uncaughtHandler.load(std::memory_order_acquire);  // [H1]
+}
+
+// Called inside the catch block, so that the handler gets the exception in flight.
+void Thread::reportUncaught() const {
+    UncaughtExceptionHandler handler = s_uncaughtHandler.load(std::memory_order_acquire);  // [H1]
+    if (handler == nullptr) return;
+    try {
+        handler(*this, std::current_exception());
+    } catch (...) {
+    }
 }
 
 void Thread::yield() { platform::yieldThread(); }

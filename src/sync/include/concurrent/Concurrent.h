@@ -6,11 +6,13 @@
 #include "Atomic.h"
 #include "AtomicPtr.h"
 #include "AutoPtr.h"
+#include "ChronoTimeout.h"
 #include "Condition.h"
 #include "CountDownLatch.h"
 #include "CountDownLatchSync.h"
 #include "DefaultThreadFactory.h"
 #include "Exception.h"
+#include "FunctionRunnable.h"
 #include "FairLockPolicy.h"
 #include "Guard.h"
 #include "IllegalArgumentException.h"
@@ -37,6 +39,8 @@
 #include "TimeUtil.h"
 #include "TlsPtr.h"
 #include "TlsPtrBase.h"
+#include "TsanAnnotations.h"
 #include "UnsupportedOperationException.h"
+#include "concurrent/Version.h"
 
 #endif

@@ -1,12 +1,22 @@
 // Condition: the interface of a condition bound to a lock. Every operation must be called by the
 // thread that holds the lock. A wait gives up the whole hold, sleeps until signalled, interrupted
 // or out of time, and always has the hold back when it returns or throws.
+//
+// The std::chrono and predicate forms are built here on the virtual waits, for every Condition.
+// awaitFor (a duration) and awaitUntil (a time_point; the overload that takes milliseconds on
+// TimeUtil::milliTime stays as it was) never end early: the duration is measured on steady_clock
+// and the deadline on its own clock, and a wait that the library's clock ends before that waits
+// again for the rest. The predicate forms, like std::condition_variable's, wait while the
+// predicate is false and return its last value; the predicate runs with the lock held.
 #ifndef MW_CONCURRENT_CONDITION_H
 #define MW_CONCURRENT_CONDITION_H
 
-namespace mw {
+#include <chrono>
 
-class TimeUnit;
+#include "ChronoTimeout.h"
+#include "TimeUnit.h"
+
+namespace mw {
 
 class Condition {
 public:
@@ -21,6 +31,41 @@ public:
     virtual bool awaitUntil(long long deadline) const = 0;
     virtual void signal() const = 0;
     virtual void broadcast() const = 0;
+
+    // False if the time ran out before a signal. A signal ends the wait: it is never consumed by
+    // a wait that then goes on. 0 or less gives up the lock, takes it back and returns false
+    // unless a signal came meanwhile. Huge durations clamp to the longest finite wait.
+    template <typename Rep, typename Period>
+    bool awaitFor(const std::chrono::duration<Rep, Period>& timeout) const {
+        return detail::retryFor(timeout, [this](long long nanos) { return awaitNanosFor(nanos); });
+    }
+    template <typename Clock, typename Duration>
+    bool awaitUntil(const std::chrono::time_point<Clock, Duration>& deadline) const {
+        return detail::retryUntil(deadline,
+                                  [this](long long nanos) { return awaitNanosFor(nanos); });
+    }
+
+    // Waits until predicate() holds; interruptible as await().
+    template <typename Predicate>
+    void await(Predicate predicate) const {
+        while (!predicate()) await();
+    }
+    // Wait while predicate() is false, up to the time; return its last value.
+    template <typename Rep, typename Period, typename Predicate>
+    bool awaitFor(const std::chrono::duration<Rep, Period>& timeout, Predicate predicate) const {
+        return detail::waitForPredicate(timeout, predicate,
+                                        [this](long long nanos) { awaitNanosFor(nanos); });
+    }
+    template <typename Clock, typename Duration, typename Predicate>
+    bool awaitUntil(const std::chrono::time_point<Clock, Duration>& deadline,
+                    Predicate predicate) const {
+        return detail::waitUntilPredicate(deadline, predicate,
+                                          [this](long long nanos) { awaitNanosFor(nanos); });
+    }
+
+private:
+    // The timed wait that tells a signal from a time-out (awaitNanos cannot, at the last moment).
+    bool awaitNanosFor(long long nanos) const { return await(nanos, TimeUnit::NANOSECONDS()); }
 };
 
 }  // namespace mw

@@ -5,6 +5,10 @@
 //
 // There is no fair mode: every waiter passes at the same moment, so there is no order to keep.
 // The latch must not be destroyed while a thread waits on it or is inside one of its operations.
+//
+// Every count-down happens before the return of an await that sees the count at zero, also for
+// ThreadSanitizer in a program built with it (TsanAnnotations.h); hence await and countDown are
+// defined here.
 #ifndef MW_CONCURRENT_COUNT_DOWN_LATCH_H
 #define MW_CONCURRENT_COUNT_DOWN_LATCH_H
 
@@ -12,10 +16,10 @@
 
 #include "CountDownLatchSync.h"
 #include "Export.h"
+#include "TimeUnit.h"
+#include "TsanAnnotations.h"
 
 namespace mw {
-
-class TimeUnit;
 
 class MW_API CountDownLatch : private boost::noncopyable {
 public:
@@ -26,12 +30,22 @@ public:
 
     // Blocks until the count is zero. Throws InterruptedException, with the flag cleared, on an
     // interrupt pending on entry or arriving while it waits, even if the latch is open.
-    void await() const;
+    void await() const {
+        m_sync.acquireSharedInterruptibly(1);
+        detail::tsanAcquire(this);
+    }
     // As await, but gives up when time runs out. Returns whether the count reached zero; a time of
     // 0 or less just tests the count (after the test for an interrupt).
-    bool await(long long time, const TimeUnit& unit) const;
+    bool await(long long time, const TimeUnit& unit) const {
+        if (!m_sync.tryAcquireSharedNanos(1, unit.toNanos(time))) return false;
+        detail::tsanAcquire(this);
+        return true;
+    }
     // Takes one from the count; the step that reaches zero wakes every waiter. Never blocks.
-    void countDown();
+    void countDown() {
+        detail::tsanRelease(this);
+        m_sync.releaseShared(1);
+    }
 
     // One moment's reading each; never blocks. The count is an int, as the constructor takes it.
     int getCount() const;

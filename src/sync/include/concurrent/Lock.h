@@ -1,11 +1,23 @@
 // Lock: the interface of a lock.
+//
+// Besides its own operations every Lock has the standard names (try_lock, try_lock_for,
+// try_lock_until; lock and unlock are its own), so std::unique_lock, std::scoped_lock, std::lock
+// and std::condition_variable_any work over any Lock. The std::chrono forms are built on the
+// virtual timed tryLock and never end early: a duration is rounded up to whole nanoseconds and
+// measured on steady_clock, a deadline on its own clock; a remainder that the timed tryLock
+// leaves is asked for again. Huge times saturate to the longest finite wait; 0 or less tries once.
+// Like every timed wait of the library they throw InterruptedException for an interrupt.
 #ifndef MW_CONCURRENT_LOCK_H
 #define MW_CONCURRENT_LOCK_H
+
+#include <chrono>
+
+#include "ChronoTimeout.h"
+#include "TimeUnit.h"
 
 namespace mw {
 
 class Condition;
-class TimeUnit;
 
 class Lock {
 public:
@@ -17,6 +29,23 @@ public:
     virtual void unlock() = 0;
     // A new condition bound to this lock; the caller owns it.
     virtual Condition* newCondition() = 0;
+
+    template <typename Rep, typename Period>
+    bool tryLock(const std::chrono::duration<Rep, Period>& timeout) {
+        return detail::retryFor(
+            timeout, [this](long long nanos) { return tryLock(nanos, TimeUnit::NANOSECONDS()); });
+    }
+
+    bool try_lock() { return tryLock(); }
+    template <typename Rep, typename Period>
+    bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
+        return tryLock(timeout);
+    }
+    template <typename Clock, typename Duration>
+    bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
+        return detail::retryUntil(
+            deadline, [this](long long nanos) { return tryLock(nanos, TimeUnit::NANOSECONDS()); });
+    }
 };
 
 }  // namespace mw

@@ -13,8 +13,14 @@
 // try_lock, try_lock_for, try_lock_until) and the read side SharedTimedLockable (lock_shared ...),
 // so std::unique_lock and std::shared_lock work over the object. The timed forms, like every
 // timed wait of the library, throw InterruptedException when the caller is interrupted; lock and
-// lock_shared ignore interrupts and re-assert them on return. readLock() and writeLock() give the
-// two sides as Lock objects.
+// lock_shared ignore interrupts and re-assert them on return. Their std::chrono times never end
+// early (see ChronoTimeout.h), as with ReentrantLock. readLock() and writeLock() give the two sides
+// as Lock objects.
+//
+// The standard-named operations are defined here and tell ThreadSanitizer, in a program built
+// with it, that the lock synchronizes (TsanAnnotations.h): an unlock of either side happens before
+// a later lock of the write side, and an unlock of the write side before a later lock of either.
+// The Lock objects of readLock() and writeLock() run inside the library and carry no annotations.
 //
 // Limits: 65535 write holds, 65535 read holds over all threads; one more throws
 // IllegalMonitorStateException "Maximum lock count exceeded" and changes nothing. Unlocking a hold
@@ -31,83 +37,14 @@
 
 #include <boost/noncopyable.hpp>
 #include <chrono>
-#include <climits>
-#include <cmath>
-#include <ratio>
-#include <type_traits>
 
+#include "ChronoTimeout.h"
 #include "Export.h"
 #include "Lock.h"
 #include "ReadWriteLockSync.h"
+#include "TsanAnnotations.h"
 
 namespace mw {
-
-namespace detail {
-
-__extension__ typedef __int128 WideNanos;
-
-// A bound far inside WideNanos, so that one difference of two bounded values cannot overflow.
-constexpr WideNanos WIDE_NANOS_LIMIT = static_cast<WideNanos>(1) << 120;
-
-inline WideNanos clampWide(WideNanos n) {
-    return n > WIDE_NANOS_LIMIT ? WIDE_NANOS_LIMIT : n < -WIDE_NANOS_LIMIT ? -WIDE_NANOS_LIMIT : n;
-}
-
-// count ticks of Period in nanoseconds, rounded up (roundUp) or down, clamped to the limit.
-// Integral counts are converted exactly; NaN counts as 0.
-template <typename Period, typename Rep>
-WideNanos wideNanos(Rep count, bool roundUp) {
-    static_assert(std::is_arithmetic<Rep>::value, "a duration's count must be arithmetic");
-    typedef std::ratio_divide<Period, std::nano> PerTick;
-    if constexpr (std::is_floating_point<Rep>::value) {
-        long double n = static_cast<long double>(count) * PerTick::num / PerTick::den;
-        if (std::isnan(n)) return 0;
-        const long double limit = static_cast<long double>(WIDE_NANOS_LIMIT);
-        if (n >= limit) return WIDE_NANOS_LIMIT;
-        if (n <= -limit) return -WIDE_NANOS_LIMIT;
-        return static_cast<WideNanos>(roundUp ? std::ceil(n) : std::floor(n));
-    } else {
-        static_assert(sizeof(Rep) <= sizeof(long long), "a duration's count must fit 64 bits");
-        const WideNanos c = static_cast<WideNanos>(count);
-        const WideNanos den = PerTick::den;
-        WideNanos whole;
-        if (__builtin_mul_overflow(c / den, static_cast<WideNanos>(PerTick::num), &whole)) {
-            return c < 0 ? -WIDE_NANOS_LIMIT : WIDE_NANOS_LIMIT;
-        }
-        if (whole != clampWide(whole)) return clampWide(whole);
-        // The remainder has the sign of c and is smaller than den: its product cannot overflow.
-        const WideNanos part = c % den * PerTick::num;
-        WideNanos fraction = part / den;
-        if (part % den != 0 && (part > 0) == roundUp) fraction += roundUp ? 1 : -1;
-        return clampWide(whole + fraction);
-    }
-}
-
-inline long long toWaitNanos(WideNanos n) {
-    return n <= 0 ? 0 : n >= LLONG_MAX ? LLONG_MAX : static_cast<long long>(n);
-}
-
-// A duration as a time-out in nanoseconds: rounded up, so that the wait never ends early;
-// saturated at LLONG_MAX (about 292 years, still a timed wait); 0 or less tries once.
-template <typename Rep, typename Period>
-long long timeoutNanos(const std::chrono::duration<Rep, Period>& timeout) {
-    return toWaitNanos(wideNanos<Period>(timeout.count(), true));
-}
-
-// The time left until deadline on its own clock, read once, in nanoseconds as above. The deadline
-// is rounded up and the clock's reading down, and neither is converted to the other's type, so
-// neither a coarse deadline nor time_point::max() can overflow.
-template <typename Clock, typename Duration>
-long long nanosUntil(const std::chrono::time_point<Clock, Duration>& deadline) {
-    typedef typename Clock::duration NowDuration;
-    const WideNanos end =
-        wideNanos<typename Duration::period>(deadline.time_since_epoch().count(), true);
-    const WideNanos now =
-        wideNanos<typename NowDuration::period>(Clock::now().time_since_epoch().count(), false);
-    return toWaitNanos(end - now);
-}
-
-}  // namespace detail
 
 class MW_API ReadWriteLock : private boost::noncopyable {
 public:
@@ -115,6 +52,8 @@ public:
     // not hold the lock alone, so it has nothing to wait with.
     class MW_API ReadLock final : public Lock, private boost::noncopyable {
     public:
+        using Lock::tryLock;
+
         virtual void lock();
         virtual void lockInterruptibly();
         virtual bool tryLock(long long timeout, const TimeUnit& unit);
@@ -134,6 +73,8 @@ public:
     // all back when it returns or throws.
     class MW_API WriteLock final : public Lock, private boost::noncopyable {
     public:
+        using Lock::tryLock;
+
         virtual void lock();
         virtual void lockInterruptibly();
         virtual bool tryLock(long long timeout, const TimeUnit& unit);
@@ -156,31 +97,51 @@ public:
     Lock& writeLock() { return m_writeLock; }
 
     // The write side, for std::unique_lock and the like. try_lock ignores the queue.
-    void lock();
-    void unlock();
-    bool try_lock();
-    bool tryLockNanos(long long nanosTimeout);
+    void lock() {
+        m_sync.lockWrite();
+        detail::tsanAcquire(this);
+    }
+    void unlock() {
+        detail::tsanRelease(this);
+        detail::TsanLibraryCode library;
+        m_sync.unlockWrite();
+    }
+    bool try_lock() { return acquired(m_sync.tryLockWrite()); }
+    bool tryLockNanos(long long nanosTimeout) {
+        return acquired(m_sync.tryLockWriteNanos(nanosTimeout));
+    }
     template <typename Rep, typename Period>
     bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
-        return tryLockNanos(detail::timeoutNanos(timeout));
+        return detail::retryFor(timeout, [this](long long nanos) { return tryLockNanos(nanos); });
     }
     template <typename Clock, typename Duration>
     bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
-        return tryLockNanos(detail::nanosUntil(deadline));
+        return detail::retryUntil(deadline,
+                                  [this](long long nanos) { return tryLockNanos(nanos); });
     }
 
     // The read side, for std::shared_lock and the like. try_lock_shared ignores the queue.
-    void lock_shared();
-    void unlock_shared();
-    bool try_lock_shared();
-    bool tryLockSharedNanos(long long nanosTimeout);
+    void lock_shared() {
+        m_sync.lockRead();
+        detail::tsanAcquire(this);
+    }
+    void unlock_shared() {
+        detail::tsanRelease(this);
+        m_sync.unlockRead();
+    }
+    bool try_lock_shared() { return acquired(m_sync.tryLockRead()); }
+    bool tryLockSharedNanos(long long nanosTimeout) {
+        return acquired(m_sync.tryLockReadNanos(nanosTimeout));
+    }
     template <typename Rep, typename Period>
     bool try_lock_shared_for(const std::chrono::duration<Rep, Period>& timeout) {
-        return tryLockSharedNanos(detail::timeoutNanos(timeout));
+        return detail::retryFor(timeout,
+                                [this](long long nanos) { return tryLockSharedNanos(nanos); });
     }
     template <typename Clock, typename Duration>
     bool try_lock_shared_until(const std::chrono::time_point<Clock, Duration>& deadline) {
-        return tryLockSharedNanos(detail::nanosUntil(deadline));
+        return detail::retryUntil(deadline,
+                                  [this](long long nanos) { return tryLockSharedNanos(nanos); });
     }
 
     // Inspection: one moment's reading each, without locks or allocation.
@@ -198,6 +159,11 @@ public:
     unsigned long long getQueueLength() const;
 
 private:
+    bool acquired(bool success) {
+        if (success) detail::tsanAcquire(this);
+        return success;
+    }
+
     detail::ReadWriteLockSync m_sync;
     ReadLock m_readLock;
     WriteLock m_writeLock;

@@ -4,6 +4,11 @@
 //
 // Taking a free non-fair lock is one compareAndSet and one thread-local read; a reentrant acquire
 // or a release is one exchange. Nothing allocates unless a thread has to queue.
+//
+// The standard names come from Lock (try_lock, try_lock_for, try_lock_until, and tryLock for a
+// std::chrono duration), so std::unique_lock, std::scoped_lock and std::lock take the lock as it
+// is. Every path that takes or gives up the lock here tells ThreadSanitizer so (TsanAnnotations.h):
+// a program built with it sees the lock synchronize even over a library built without it.
 #ifndef MW_CONCURRENT_REENTRANT_LOCK_H
 #define MW_CONCURRENT_REENTRANT_LOCK_H
 
@@ -14,6 +19,7 @@
 #include "Lock.h"
 #include "NullPointerException.h"
 #include "TimeUnit.h"
+#include "TsanAnnotations.h"
 
 namespace mw {
 
@@ -24,14 +30,26 @@ public:
     // Neither unlocks nor looks at waiters.
     virtual ~ReentrantLock() {}
 
-    virtual void lock() { m_sync.lock(); }
-    virtual void lockInterruptibly() { m_sync.acquireInterruptibly(1); }
+    using Lock::tryLock;
+
+    virtual void lock() {
+        m_sync.lock();
+        detail::tsanAcquire(this);
+    }
+    virtual void lockInterruptibly() {
+        m_sync.acquireInterruptibly(1);
+        detail::tsanAcquire(this);
+    }
     virtual bool tryLock(long long timeout, const TimeUnit& unit) {
-        return m_sync.tryAcquireNanos(1, unit.toNanos(timeout));
+        return acquired(m_sync.tryAcquireNanos(1, unit.toNanos(timeout)));
     }
     // Barges with either policy: takes a free lock even when threads are queued.
-    virtual bool tryLock() { return m_sync.nonfairTryAcquire(1); }
-    virtual void unlock() { m_sync.release(1); }
+    virtual bool tryLock() { return acquired(m_sync.nonfairTryAcquire(1)); }
+    virtual void unlock() {
+        detail::tsanRelease(this);
+        detail::TsanLibraryCode library;
+        m_sync.release(1);
+    }
     virtual Condition* newCondition() { return m_sync.newCondition(); }
 
     virtual unsigned long long getHoldCount() const { return m_sync.getHoldCount(); }
@@ -55,6 +73,11 @@ public:
     virtual const Thread* getOwner() const { return m_sync.getOwner(); }
 
 private:
+    bool acquired(bool success) {
+        if (success) detail::tsanAcquire(this);
+        return success;
+    }
+
     // The library's own condition behind condition, or null for another implementation.
     static const AbstractQueuedSynchronizer::ConditionObject* conditionObject(
         const Condition* condition) {

@@ -16,11 +16,18 @@
 #ifndef MW_CONCURRENT_THREAD_H
 #define MW_CONCURRENT_THREAD_H
 
+#include <chrono>
+#include <exception>
+#include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include "Atomic.h"
 #include "AtomicPtr.h"
+#include "ChronoTimeout.h"
 #include "Export.h"
+#include "FunctionRunnable.h"
 #include "Object.h"
 #include "Runnable.h"
 #include "ThreadBase.h"
@@ -34,6 +41,13 @@ class Parker;
 class ParkEvent;
 class ThreadInfo;
 class ThreadRecords;
+
+// A callable for a thread to run: not a Runnable pointer (nor null), which Thread's other
+// constructor takes.
+template <typename Body>
+struct IsThreadBody
+    : std::integral_constant<bool, std::is_invocable<typename std::decay<Body>::type&>::value &&
+                                       !std::is_convertible<Body, Runnable*>::value> {};
 }  // namespace detail
 
 class MW_API Thread : public detail::ThreadBase, public Object, public Runnable {
@@ -42,7 +56,27 @@ public:
 
     // A thread object that forwards run() to target (not owned, may be null). Not started.
     explicit Thread(Runnable* target = nullptr, const std::string& name = std::string());
+    // A thread object that runs body, a callable taking no arguments (a lambda, a
+    // std::function<void()>, a function pointer): run() forwards to a FunctionRunnable that holds
+    // a copy of body, owned by this object and freed with it. Not started.
+    template <typename Body,
+              typename = typename std::enable_if<detail::IsThreadBody<Body>::value>::type>
+    explicit Thread(Body&& body, const std::string& name = std::string())
+        : Thread(static_cast<Runnable*>(nullptr), name) {
+        m_ownTarget.reset(new FunctionRunnable(std::forward<Body>(body)));
+        m_target = m_ownTarget.get();
+    }
     virtual ~Thread();
+
+    // What sees an exception that leaves run(): called on the thread that ran it, inside the
+    // handler of the exception, with the thread's object (alive until the handler returns) and
+    // the exception. Process-wide. Without one (the default) the exception is dropped without a
+    // trace; so is an exception that leaves the handler. The thread ends in good order either way.
+    typedef void (*UncaughtExceptionHandler)(const Thread& thread, std::exception_ptr exception);
+    // Installs handler (null: none) and returns the one it replaces. Any thread may call it at
+    // any time; a run() that ends meanwhile reports to the old handler or the new one.
+    static UncaughtExceptionHandler setUncaughtExceptionHandler(UncaughtExceptionHandler handler);
+    static UncaughtExceptionHandler getUncaughtExceptionHandler();
 
     // The calling thread's object; adopts the thread if it has none. On a thread that has its
     // record this reads one thread-local word and cannot fail.
@@ -68,6 +102,15 @@ public:
     // thread and for an adopted object (which would wait for itself). Never throws; interrupts do
     // not end it. The end includes the thread's whole exit, thread-local cleaning and all.
     void join(long long milliseconds = 0) const;
+    // As join, for a std::chrono duration, and never less (measured on steady_clock): rounded up
+    // to whole milliseconds, without the 32-bit limit (a huge duration waits for the longest
+    // finite time) and without "0 waits for ever": 0 or less only looks. True if the thread has
+    // ended (or there is no OS thread); false when the time ran out first, and at once where join
+    // has nothing to wait for (the caller's own thread, an adopted one).
+    template <typename Rep, typename Period>
+    bool join(const std::chrono::duration<Rep, Period>& timeout) const {
+        return joinNanos(this, detail::timeoutNanos(timeout));
+    }
 
     // NEW between the creation of the OS thread and its first store; RUNNING, PARKED or
     // TIMED_PARKED while it runs; TERMINATED when there is no OS thread (never started, start
@@ -104,6 +147,15 @@ public:
     static void yield();
     // Sleeps for the low 32 bits of milliseconds. Interrupts do not end it.
     static void sleep(long long milliseconds);
+    // Sleeps for at least timeout, measured on steady_clock: whole milliseconds rounded up,
+    // without the 32-bit limit; 0 or less returns at once. Interrupts do not end it.
+    template <typename Rep, typename Period>
+    static void sleep(const std::chrono::duration<Rep, Period>& timeout) {
+        detail::retryFor(timeout, [](long long nanos) {
+            if (nanos > 0) sleep(detail::wholeMillisUp(nanos));
+            return false;
+        });
+    }
 
 protected:
     // For derived classes that override run. With autoDelete the started thread's record owns
@@ -136,8 +188,20 @@ private:
     void initialise();
     bool isInterrupted(bool clear) const;
     static const Thread* adoptCurrentThread();
+    // A handle of its own to the OS thread that join would wait for, or null where join returns
+    // at once; *ended then tells whether that is because the thread has ended (or the object has
+    // no OS thread, or is gone) rather than because it cannot be waited for (the caller's own
+    // thread, an adopted one, one not yet running). Static, like joinNanos: thread may be freed
+    // by its own end while they run, so they touch it only under a pin.
+    static void* joinableHandle(const Thread* thread, bool* ended);
+    // join(duration) for nanosTimeout (0 or less only looks), measured on steady_clock.
+    static bool joinNanos(const Thread* thread, long long nanosTimeout);
+    // Shows what left run() to the handler, if there is one.
+    void reportUncaught() const;
 
     Runnable* m_target;
+    // The target made from a callable, if any; m_target then points at it.
+    std::unique_ptr<Runnable> m_ownTarget;
     std::string m_name;
     mutable Atomic<State> m_threadState;
     mutable Atomic<short> m_interrupted;

@@ -195,8 +195,12 @@ void signalAndNotify(Scene& scene, unsigned seed) {
 void inspect(Scene& scene) {
     while (!scene.stop.load()) {
         for (const mw::detail::TLockSync* sync : scene.locks) {
-            static_cast<void>(sync->hasQueuedThreads() | sync->hasContended() | sync->isLocked() |
-                              (sync->getOwner() != nullptr));
+            // Every inspection runs (no short-circuit): each must be safe mid-change.
+            bool any = sync->hasQueuedThreads();
+            any = sync->hasContended() || any;
+            any = sync->isLocked() || any;
+            any = sync->getOwner() != nullptr || any;
+            static_cast<void>(any);
             scene.badReads += sync->getQueueLength() > MAX_LIVE + 2u;
             const Thread* first = sync->getFirstQueuedThread();
             if (first != nullptr) sync->isQueued(first);
@@ -211,9 +215,12 @@ void inspect(Scene& scene) {
                 scene.badReads += state != Thread::NEW && state != Thread::RUNNING &&
                                   state != Thread::PARKED && state != Thread::TIMED_PARKED &&
                                   state != Thread::TERMINATED;
-                static_cast<void>(thread->isAlive() | thread->isInterrupted() |
-                                  thread->getPriority() | scene.gate.isQueued(thread) |
-                                  scene.busy.isQueued(thread));
+                bool seen = thread->isAlive();
+                seen = thread->isInterrupted() || seen;
+                seen = thread->getPriority() != 0 || seen;
+                seen = scene.gate.isQueued(thread) || seen;
+                seen = scene.busy.isQueued(thread) || seen;
+                static_cast<void>(seen);
             }
             watched.users.fetch_sub(1);
         }

@@ -369,7 +369,7 @@ struct FixedClock {
     typedef duration::rep rep;
     typedef duration::period period;
     typedef std::chrono::time_point<FixedClock> time_point;
-    static const bool is_steady = true;
+    [[maybe_unused]] static const bool is_steady = true;
     static std::atomic<int> calls;
     static time_point now() {
         calls.fetch_add(1);
