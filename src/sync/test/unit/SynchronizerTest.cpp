@@ -37,6 +37,24 @@ TEST(Synchronizer, BaseClassOperationsAreUnsupportedAndQueueNothing) {
     EXPECT_FALSE(s.hasContended());
 }
 
+// The loop takes exactly its steps, whatever the subclass: a lone waiter tries on arrival, once as
+// the first queued thread, once more after it marked its predecessor, and parks; woken, it tries
+// once and has the hold. A spin in the synchronizer would show as many more calls.
+TEST(Synchronizer, AFirstWaiterCallsTryAcquireOnlyAtTheLoopsSteps) {
+    TestMutex m;
+    m.lock();
+    const long before = m.attempts();
+    WorkerThread waiter([&m] {
+        m.lock();
+        m.unlock();
+    });
+    ASSERT_TRUE(waiter.awaitParked());
+    EXPECT_EQ(3, m.attempts() - before);
+    m.unlock();
+    waiter.join();
+    EXPECT_EQ(4, m.attempts() - before);
+}
+
 // A fresh, a busy and a drained queue. Waiters acquire in arrival order, a release that leaves
 // the synchronizer held wakes none of them, and acquire keeps its place through an interrupt and
 // reasserts it on return; a flag set on entry is left alone when no park is needed.
