@@ -35,12 +35,6 @@
  * the flag before its load of status and the waiter reads it after its compare-exchange: a waiter
  * that found it off made its SIGNAL visible before any release that found it on read the status.
  *
- * The barrier is deferred: a waiter that has just marked its predecessor tries again (the lock's
- * own spin lives in those tries), and runs the barrier only when it finds the mark in place and
- * is about to park, then tries once more; only a waiter that parks pays for it. fenced (the
- * node's markFenced) tells whether a barrier followed the waiter's latest mark.
- * BARRIER_AT_MARK: the barrier right after the compare-exchange, as an earlier version did.
- *
  * Claim checked: no lost wake-up. Releases are bounded, so a run ends; a waiter that ends blocked
  * in park (with the lock free and nobody left to release it) is an invalid end state.
  *
@@ -164,7 +158,7 @@ proctype holder() {
 proctype waiter(byte me) {
     byte p = me - 1;
     byte h, st, left;
-    bool got, first, flag, fenced;
+    bool got, first, flag;
 loop:
 #ifdef BROKEN_FLAG_BEFORE_CAS
     flag = barrierAvailable;
@@ -188,29 +182,17 @@ loop:
 #ifndef BROKEN_FLAG_BEFORE_CAS
         flag = barrierAvailable;
 #endif
-        fenced = false;
 #if defined(BROKEN) || defined(BROKEN_BARRIER_BEFORE_CAS)
         skip
 #elif defined(BROKEN_BARRIER_IF_HEAD_BEFORE)
-        if :: flag && first -> heavyBarrier(me); fenced = true :: else -> skip fi
+        if :: flag && first -> heavyBarrier(me) :: else -> skip fi
 #elif defined(BARRIER_IF_HEAD_AFTER)
-        if :: flag && head == p -> heavyBarrier(me); fenced = true :: else -> skip fi
-#elif defined(BARRIER_AT_MARK)
-        if :: flag -> heavyBarrier(me); fenced = true :: else -> skip fi
+        if :: flag && head == p -> heavyBarrier(me) :: else -> skip fi
 #else
-        skip    /* the barrier is deferred to the moment the waiter would park */
+        if :: flag -> heavyBarrier(me) :: else -> skip fi
 #endif
-#if !defined(BROKEN) && !defined(BROKEN_BARRIER_BEFORE_CAS) && !defined(BROKEN_BARRIER_IF_HEAD_BEFORE) && !defined(BARRIER_IF_HEAD_AFTER) && !defined(BARRIER_AT_MARK)
-    :: st == SIGNAL && !fenced && barrierAvailable ->
-        /* about to park with a mark not yet followed by a barrier: barrier, then one more try */
-        heavyBarrier(me);
-        fenced = true
-    :: st == SIGNAL && (fenced || !barrierAvailable) ->
-        atomic { permit[me] -> permit[me] = false }   /* park */
-#else
     :: else ->
         atomic { permit[me] -> permit[me] = false }   /* park */
-#endif
     fi;
     atomic { st = 0; first = false; flag = false };
     goto loop;

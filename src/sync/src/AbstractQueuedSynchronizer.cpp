@@ -275,17 +275,11 @@ Node* AbstractQueuedSynchronizer::firstLiveFromTail(const Node* node) const {
 }
 
 // A false result makes the caller try to acquire once more before it parks. With a fence-free
-// release, a caller about to park whose latest mark no barrier has followed yet runs the barrier
-// first and tries once more ([A1]); the tries between the mark and the barrier (where a lock
-// spins) cost nothing extra, so only a waiter that really parks pays for it.
+// release, the barrier after a new mark makes that try see any release whose read of the status
+// came before the mark ([A1]).
 bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* node) {
     int s = pred->status.get();
-    if (s == Node::SIGNAL) {
-        if (!m_fenceFreeRelease || node->markFenced.load(std::memory_order_relaxed)) return true;
-        platform::processBarrier();  // [A1] after the mark, before the last look at the state
-        node->markFenced.store(true, std::memory_order_relaxed);
-        return false;
-    }
+    if (s == Node::SIGNAL) return true;
     if (s > 0) {
         do {
             Node* skipped = pred;
@@ -294,9 +288,10 @@ bool AbstractQueuedSynchronizer::shouldParkAfterFailedAcquire(Node* pred, Node* 
             retireCancelled(skipped);
         } while (pred->status.get() > 0);
         pred->next.set(node);
-        node->markFenced.store(false, std::memory_order_relaxed);  // a new predecessor
-    } else if (pred->status.compareAndSet(s, Node::SIGNAL)) {  // 0, or a PROPAGATE taken over [R3]
-        node->markFenced.store(false, std::memory_order_relaxed);
+    } else if (pred->status.compareAndSet(s, Node::SIGNAL) &&  // 0, or a PROPAGATE taken over [R3]
+               m_fenceFreeRelease) {
+        // [A1] the mark comes before the caller's next look at the state, for every releaser.
+        platform::processBarrier();
     }
     return false;
 }

@@ -67,7 +67,11 @@ bool TLockSync::spinWhileHeld() {
         ++rounds;
         free = getState() == 0;
     }
-    m_spinRounds.store(recent + (rounds - recent) / 8, std::memory_order_relaxed);
+    // A spin that saw the lock free moves the estimate toward the rounds it needed; one that ran
+    // out halves it, so a lock whose holders keep it (or take it straight back) is soon watched
+    // only briefly, and its waiters park instead of pulling the lock's line from the holder.
+    int next = free ? recent + (rounds - recent) / 8 : recent / 2;
+    m_spinRounds.store(next, std::memory_order_relaxed);
     return free;
 }
 

@@ -71,7 +71,6 @@ public:
             waiterLink.store(mode, std::memory_order_relaxed);
             memberships.store(waitStatus == CONDITION ? 2 : 1, std::memory_order_relaxed);
             leftQueue.store(false, std::memory_order_relaxed);
-            markFenced.store(false, std::memory_order_relaxed);
             retiredAt = 0;
             prev.store(nullptr, std::memory_order_relaxed);
             status.set(waitStatus);
@@ -92,9 +91,6 @@ public:
         // at 0 it is retired. leftQueue makes leaving the queue count once.
         std::atomic<int> memberships{0};
         std::atomic<bool> leftQueue{false};
-        // The node's own thread alone: whether a process-wide barrier followed its latest mark
-        // of its predecessor (see releaseState).
-        std::atomic<bool> markFenced{false};
         // The epoch read when the node was retired; owner of the holding cache only.
         unsigned long long retiredAt = 0;
     };
@@ -160,10 +156,9 @@ protected:
     // reads the head's status ([A1]): else a waiter that marked the head and then found the state
     // still taken would park while the release read the status from before the mark, and nobody
     // would wake it. With a fence-free release the store is a plain release store (no barrier,
-    // only a compiler fence) and the waiter pays instead: between its mark and its last look at
-    // the state before it parks it runs the process-wide barrier, after which either that look
-    // sees this store or this release's read of the status sees its mark. Elsewhere the store is
-    // a full barrier.
+    // only a compiler fence) and the waiter pays instead: between its mark and its next look at
+    // the state it runs the process-wide barrier, after which either that look sees this store
+    // or this release's read of the status sees its mark. Elsewhere the store is a full barrier.
     void releaseState(int newState) {
         if (m_fenceFreeRelease) {
             m_state.lazySet(newState);
