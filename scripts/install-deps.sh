@@ -4,6 +4,8 @@
 #   scripts/install-deps.sh --windows  also the MinGW-w64 cross compiler and Wine
 #   scripts/install-deps.sh --bench    also the benchmark-only peers and plotter (scripts/bench.sh)
 #   scripts/install-deps.sh --ci       also what CI adds: Clang and pkg-config (package checks)
+#   scripts/install-deps.sh --docs     also Doxygen, for the API reference (scripts/docs.sh)
+#   scripts/install-deps.sh --graphviz also Graphviz, which examples/deadlock.cpp renders with
 set -euo pipefail
 
 packages=(cmake g++ make libboost-thread-dev libgtest-dev googletest libbenchmark-dev libtbb-dev)
@@ -12,6 +14,8 @@ for option in "$@"; do
     --windows) packages+=(g++-mingw-w64-x86-64-posix wine64) ;;
     --bench) packages+=(libabsl-dev gnuplot-nox) ;;
     --ci) packages+=(clang pkg-config) ;;
+    --docs) packages+=(doxygen) ;;
+    --graphviz) packages+=(graphviz) ;;
     *) echo "unknown option: $option" >&2; exit 2 ;;
   esac
 done

@@ -5,6 +5,7 @@
 #include "Park.h"
 #include "Parker.h"
 #include "TimeArithmetic.h"
+#include "SynchronizerDiagnostics.h"
 #include "ThreadInfoSlot.h"
 #include "platform.h"
 #include "concurrent/IllegalArgumentException.h"
@@ -54,23 +55,34 @@ void movePrev(Node* node, Node* prev) { node->prev.store(prev, std::memory_order
 // ---- state, copy, lifetime ----------------------------------------------------------------------
 
 AbstractQueuedSynchronizer::AbstractQueuedSynchronizer()
-    : m_head(), m_tail(), m_state(0), m_fenceFreeRelease(false), m_spare(nullptr) {}
+    : m_head(),
+      m_tail(),
+      m_state(0),
+      m_fenceFreeRelease(false),
+      m_diagnosticKind(detail::SynchronizerDiagnostics::GENERIC),
+      m_spare(nullptr),
+      m_diagnostics(0) {}
 
 AbstractQueuedSynchronizer::AbstractQueuedSynchronizer(bool fenceFreeRelease)
     : m_head(),
       m_tail(),
       m_state(0),
       m_fenceFreeRelease(fenceFreeRelease && platform::processBarrierAvailable()),
-      m_spare(nullptr) {}
+      m_diagnosticKind(detail::SynchronizerDiagnostics::GENERIC),
+      m_spare(nullptr),
+      m_diagnostics(0) {}
 
 // Nodes are recycled once they leave their queue, so two synchronizers never share one: a copy
 // takes the state alone and starts with no queue; an assignment keeps this object's own queue.
+// Either way the name, identity and statistics stay with their object; a copy is of the same kind.
 AbstractQueuedSynchronizer::AbstractQueuedSynchronizer(const AbstractQueuedSynchronizer& other)
     : m_head(),
       m_tail(),
       m_state(other.m_state),
       m_fenceFreeRelease(other.m_fenceFreeRelease),
-      m_spare(nullptr) {}
+      m_diagnosticKind(other.m_diagnosticKind.load(std::memory_order_relaxed)),
+      m_spare(nullptr),
+      m_diagnostics(0) {}
 
 AbstractQueuedSynchronizer& AbstractQueuedSynchronizer::operator=(
     const AbstractQueuedSynchronizer& other) {
@@ -81,11 +93,28 @@ AbstractQueuedSynchronizer& AbstractQueuedSynchronizer::operator=(
 // An idle queue is its head alone; that node leaves with the synchronizer. A queue with waiters
 // left in it is a caller's error, and its nodes are left alone rather than freed under them.
 AbstractQueuedSynchronizer::~AbstractQueuedSynchronizer() {
+    detail::SynchronizerDiagnostics::retire(*this);
     Node* spare = m_spare.load(std::memory_order_acquire);
     if (spare != nullptr) detail::NodePool::giveBackUnpublished(spare);
     Node* h = m_head.get();
     if (h == nullptr || h != m_tail.get()) return;
     detail::NodePool::leaveQueue(nullptr, h);  // may run while its thread's object is destroyed
+}
+
+void AbstractQueuedSynchronizer::setDiagnosticName(const std::string& name) {
+    detail::SynchronizerDiagnostics::setName(*this, name);
+}
+
+std::string AbstractQueuedSynchronizer::getDiagnosticName() const {
+    return detail::SynchronizerDiagnostics::name(*this);
+}
+
+void AbstractQueuedSynchronizer::setDiagnosticIdentity(const void* object) {
+    detail::SynchronizerDiagnostics::setIdentity(*this, object);
+}
+
+ContentionStatistics AbstractQueuedSynchronizer::getContentionStatistics() const {
+    return detail::SynchronizerDiagnostics::statistics(*this);
 }
 
 bool AbstractQueuedSynchronizer::tryAcquire(int) {
@@ -339,8 +368,11 @@ void AbstractQueuedSynchronizer::selfInterrupt() { detail::currentThreadFast()->
 void AbstractQueuedSynchronizer::acquire(int arg) {
     if (tryAcquire(arg)) return;
     detail::CriticalSection section;
+    detail::QueuedAcquisition wait(*this, false);
     Node* node = addWaiter(Node::EXCLUSIVE.get());
-    if (acquireQueued(node, arg)) selfInterrupt();
+    const bool interrupted = acquireQueued(node, arg);
+    wait.acquired();
+    if (interrupted) selfInterrupt();
 }
 
 // Every loop below gives its node up before any exception leaves it. A linked node always has a
@@ -377,6 +409,7 @@ void AbstractQueuedSynchronizer::acquireInterruptibly(int arg) {
 
 void AbstractQueuedSynchronizer::doAcquireInterruptibly(int arg) {
     detail::CriticalSection section;
+    detail::QueuedAcquisition wait(*this, false);
     Node* node = addWaiter(Node::EXCLUSIVE.get());
     try {
         for (;;) {
@@ -385,6 +418,7 @@ void AbstractQueuedSynchronizer::doAcquireInterruptibly(int arg) {
                 setHead(node);
                 p->next.set(nullptr);  // [Q3]
                 retireOldHead(p);
+                wait.acquired();
                 return;
             }
             if (shouldParkAfterFailedAcquire(p, node) && parkAndCheckInterrupt()) break;
@@ -405,6 +439,7 @@ bool AbstractQueuedSynchronizer::tryAcquireNanos(int arg, long long nanosTimeout
 bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout) {
     detail::CriticalSection section;
     long long lastTime = TimeUtil::nanoTime();
+    detail::QueuedAcquisition wait(*this, false);
     Node* node = addWaiter(Node::EXCLUSIVE.get());
     try {
         for (;;) {
@@ -413,6 +448,7 @@ bool AbstractQueuedSynchronizer::doAcquireNanos(int arg, long long nanosTimeout)
                 setHead(node);
                 p->next.set(nullptr);  // [Q3]
                 retireOldHead(p);
+                wait.acquired();
                 return true;
             }
             if (nanosTimeout <= 0) {
@@ -530,12 +566,14 @@ void AbstractQueuedSynchronizer::setHeadAndPropagate(Node* node, int propagate) 
             setHeadAndPropagate(node, r);               \
             p->next.set(nullptr);                       \
             retireOldHead(p);                           \
+            wait.acquired();                            \
             onSuccess;                                  \
         }                                               \
     }
 
 void AbstractQueuedSynchronizer::doAcquireShared(int arg) {
     detail::CriticalSection section;
+    detail::QueuedAcquisition wait(*this, true);
     Node* node = addWaiter(Node::SHARED.get());
     bool interrupted = false;
     try {
@@ -554,6 +592,7 @@ void AbstractQueuedSynchronizer::doAcquireShared(int arg) {
 
 void AbstractQueuedSynchronizer::doAcquireSharedInterruptibly(int arg) {
     detail::CriticalSection section;
+    detail::QueuedAcquisition wait(*this, true);
     Node* node = addWaiter(Node::SHARED.get());
     try {
         for (;;) {
@@ -570,6 +609,7 @@ void AbstractQueuedSynchronizer::doAcquireSharedInterruptibly(int arg) {
 bool AbstractQueuedSynchronizer::doAcquireSharedNanos(int arg, long long nanosTimeout) {
     detail::CriticalSection section;
     long long lastTime = TimeUtil::nanoTime();
+    detail::QueuedAcquisition wait(*this, true);
     Node* node = addWaiter(Node::SHARED.get());
     try {
         for (;;) {

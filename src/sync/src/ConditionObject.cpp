@@ -1,6 +1,7 @@
 #include "CriticalSection.h"
 #include "NodePool.h"
 #include "Park.h"
+#include "SynchronizerDiagnostics.h"
 #include "ThreadInfoSlot.h"
 #include "TimeArithmetic.h"
 #include "concurrent/AbstractQueuedSynchronizer.h"
@@ -168,7 +169,9 @@ void ConditionObject::reportInterruptAfterWait(int interruptMode) const {
 
 // The common end of the interruptible waits: the hold comes back with the saved state before
 // anything is reported, then the node leaves the list if others stand behind it.
-void ConditionObject::finishWait(Node* node, int savedState, int interruptMode) const {
+void ConditionObject::finishWait(Node* node, int savedState, int interruptMode,
+                                 detail::ShownWait& shown) const {
+    shown.change(detail::SynchronizerDiagnostics::acquisitionWait(*m_synchronizer, false));
     if (m_synchronizer->acquireQueued(node, savedState) && interruptMode != THROW_IE) {
         interruptMode = REINTERRUPT;
     }
@@ -183,6 +186,8 @@ void ConditionObject::await() const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
+    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
+                                                                  static_cast<const Condition*>(this)));
     int savedState = m_synchronizer->fullyRelease(node);
     int interruptMode = 0;
     while (!m_synchronizer->isOnSyncQueue(node)) {
@@ -190,19 +195,22 @@ void ConditionObject::await() const {
         interruptMode = checkInterruptWhileWaiting(node);
         if (interruptMode != 0) break;
     }
-    finishWait(node, savedState, interruptMode);
+    finishWait(node, savedState, interruptMode, shown);
 }
 
 void ConditionObject::awaitUninterruptibly() const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
+    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
+                                                                  static_cast<const Condition*>(this)));
     int savedState = m_synchronizer->fullyRelease(node);
     bool interrupted = false;
     while (!m_synchronizer->isOnSyncQueue(node)) {
         parkCurrent();
         if (Thread::interrupted()) interrupted = true;
     }
+    shown.change(detail::SynchronizerDiagnostics::acquisitionWait(*m_synchronizer, false));
     if (m_synchronizer->acquireQueued(node, savedState) || interrupted) {
         AbstractQueuedSynchronizer::selfInterrupt();
     }
@@ -216,6 +224,8 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
+    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
+                                                                  static_cast<const Condition*>(this)));
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
     bool timedOut = false;
@@ -230,7 +240,7 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
         if (interruptMode != 0) break;
         nanosTimeout = detail::timeLeft(nanosTimeout, lastTime, TimeUtil::nanoTime());
     }
-    finishWait(node, savedState, interruptMode);
+    finishWait(node, savedState, interruptMode, shown);
     return !timedOut;
 }
 
@@ -240,6 +250,8 @@ long long ConditionObject::awaitNanos(long long nanosTimeout) const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
+    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
+                                                                  static_cast<const Condition*>(this)));
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
     int interruptMode = 0;
@@ -253,7 +265,7 @@ long long ConditionObject::awaitNanos(long long nanosTimeout) const {
         if (interruptMode != 0) break;
         nanosTimeout = detail::timeLeft(nanosTimeout, lastTime, TimeUtil::nanoTime());
     }
-    finishWait(node, savedState, interruptMode);
+    finishWait(node, savedState, interruptMode, shown);
     return detail::saturatingSub(nanosTimeout,
                                  detail::saturatingSub(TimeUtil::nanoTime(), lastTime));
 }
@@ -264,6 +276,8 @@ bool ConditionObject::awaitUntil(long long deadline) const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
+    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
+                                                                  static_cast<const Condition*>(this)));
     int savedState = m_synchronizer->fullyRelease(node);
     bool timedOut = false;
     int interruptMode = 0;
@@ -276,7 +290,7 @@ bool ConditionObject::awaitUntil(long long deadline) const {
         interruptMode = checkInterruptWhileWaiting(node);
         if (interruptMode != 0) break;
     }
-    finishWait(node, savedState, interruptMode);
+    finishWait(node, savedState, interruptMode, shown);
     return !timedOut;
 }
 

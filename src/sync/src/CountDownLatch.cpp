@@ -6,6 +6,7 @@ namespace mw {
 
 // The synchronizer never holds a negative count, not even for the moment before the refusal.
 CountDownLatch::CountDownLatch(int count) : m_sync(count < 0 ? 0 : count) {
+    m_sync.setDiagnosticIdentity(this);
     if (count < 0) MW_THROW(IllegalArgumentException, "count must not be negative");
 }
 

@@ -1,9 +1,12 @@
 #include "concurrent/CountDownLatchSync.h"
 
+#include "SynchronizerDiagnostics.h"
+
 namespace mw {
 namespace detail {
 
 CountDownLatchSync::CountDownLatchSync(int count) : AbstractQueuedSynchronizer() {
+    SynchronizerDiagnostics::setKind(*this, SynchronizerDiagnostics::LATCH);
     setState(count);
 }
 

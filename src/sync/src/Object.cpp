@@ -1,5 +1,6 @@
 #include "concurrent/Object.h"
 
+#include "SynchronizerDiagnostics.h"
 #include "concurrent/Condition.h"
 #include "concurrent/NonFairLockPolicy.h"
 #include "concurrent/ReentrantLock.h"
@@ -7,8 +8,19 @@
 
 namespace mw {
 
+namespace {
+
+typedef ReentrantLock<NonFairLockPolicy> MonitorLock;
+
+MonitorLock& monitorLock(Lock* lock) { return *static_cast<MonitorLock*>(lock); }
+
+}  // namespace
+
 Object::Object() : m_lock(nullptr), m_condition(nullptr) {
-    m_lock = new ReentrantLock<NonFairLockPolicy>();
+    MonitorLock* lock = new MonitorLock();
+    detail::SynchronizerDiagnostics::setKind(lock->m_sync, detail::SynchronizerDiagnostics::MONITOR);
+    lock->m_sync.setDiagnosticIdentity(this);
+    m_lock = lock;
     try {
         m_condition = m_lock->newCondition();
     } catch (...) {
@@ -40,5 +52,15 @@ void Object::notifyAll() const { m_condition->broadcast(); }
 void Object::lock() const { m_lock->lock(); }
 
 void Object::release() const { m_lock->unlock(); }
+
+void Object::setDiagnosticName(const std::string& name) const {
+    monitorLock(m_lock).setDiagnosticName(name);
+}
+
+std::string Object::getDiagnosticName() const { return monitorLock(m_lock).getDiagnosticName(); }
+
+ContentionStatistics Object::getContentionStatistics() const {
+    return monitorLock(m_lock).getContentionStatistics();
+}
 
 }  // namespace mw

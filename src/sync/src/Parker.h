@@ -11,6 +11,7 @@
 #include "concurrent/AbstractQueuedSynchronizer.h"
 #include "concurrent/ParkEvent.h"
 #include "Reclamation.h"
+#include "WaitRecord.h"
 #include "concurrent/Thread.h"
 #include "platform.h"
 
@@ -51,6 +52,9 @@ public:
 
     // The hazard record of the thread that owns this parker: every pointer that thread protects.
     HazardRecord* hazards() const { return m_hazards; }
+    // What the thread is blocked on, for the thread dump.
+    WaitRecord& waitRecord() { return m_waitRecord; }
+    const WaitRecord& waitRecord() const { return m_waitRecord; }
 
     Thread* m_thread;
     // The synchronizer and node of the thread's latest queued wait; see rememberWait.
@@ -60,6 +64,7 @@ public:
 private:
     ParkEvent* m_parkEvent;
     HazardRecord* m_hazards;
+    WaitRecord m_waitRecord;
 };
 
 }  // namespace detail

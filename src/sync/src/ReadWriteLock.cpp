@@ -7,7 +7,9 @@ namespace mw {
 
 // ---- the lock -----------------------------------------------------------------------------------
 
-ReadWriteLock::ReadWriteLock(bool fair) : m_sync(fair), m_readLock(m_sync), m_writeLock(m_sync) {}
+ReadWriteLock::ReadWriteLock(bool fair) : m_sync(fair), m_readLock(m_sync), m_writeLock(m_sync) {
+    m_sync.setDiagnosticIdentity(this);
+}
 
 ReadWriteLock::~ReadWriteLock() {}
 

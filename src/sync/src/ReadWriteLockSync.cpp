@@ -1,6 +1,7 @@
 #include "concurrent/ReadWriteLockSync.h"
 
 #include "ReadHoldTable.h"
+#include "SynchronizerDiagnostics.h"
 #include "ThreadInfoSlot.h"
 #include "ThreadRegistry.h"
 #include "concurrent/IllegalMonitorStateException.h"
@@ -42,7 +43,9 @@ unsigned writeCount(unsigned c) { return c & EXCLUSIVE_MASK; }
 }  // namespace
 
 ReadWriteLockSync::ReadWriteLockSync(bool fair)
-    : AbstractQueuedSynchronizer(), m_id(s_readHoldTables.newLockId()), m_fair(fair), m_owner(0) {}
+    : AbstractQueuedSynchronizer(), m_id(s_readHoldTables.newLockId()), m_fair(fair), m_owner(0) {
+    SynchronizerDiagnostics::setKind(*this, SynchronizerDiagnostics::READ_WRITE_LOCK);
+}
 
 ReadWriteLockSync::~ReadWriteLockSync() {
     ReadHoldTable* table = s_readHoldTables.find();

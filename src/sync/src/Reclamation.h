@@ -56,7 +56,8 @@ class HazardRecord {
 public:
     // WAKER: a thread read from a queue node, to be woken. PIN: an object that the caller names
     // (Thread operations called on another thread's object).
-    enum Slot { WAKER = 0, PIN = 1, SLOTS = 2 };
+    // INSPECT: what a thread dump reads of a thread it has pinned (its name, its synchronizer).
+    enum Slot { WAKER = 0, PIN = 1, INSPECT = 2, SLOTS = 3 };
 
     // A free record for the caller, owned by the OS thread whose id is given (0: not yet known).
     // Throws std::bad_alloc when a new record cannot be made.

@@ -15,6 +15,7 @@ const char* const NEGATIVE_INITIAL = "initial permits must not be negative";
 
 // The synchronizer never holds a negative count, not even for the moment before the refusal.
 Semaphore::Semaphore(int permits, bool fair) : m_sync(permits < 0 ? 0 : permits, fair) {
+    m_sync.setDiagnosticIdentity(this);
     if (permits < 0) MW_THROW(IllegalArgumentException, NEGATIVE_INITIAL);
 }
 

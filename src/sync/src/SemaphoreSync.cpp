@@ -2,10 +2,13 @@
 
 #include <limits>
 
+#include "SynchronizerDiagnostics.h"
+
 namespace mw {
 namespace detail {
 
 SemaphoreSync::SemaphoreSync(int permits, bool fair) : AbstractQueuedSynchronizer(), m_fair(fair) {
+    SynchronizerDiagnostics::setKind(*this, SynchronizerDiagnostics::SEMAPHORE);
     setState(permits);
 }
 

@@ -2,16 +2,19 @@
 
 #include <algorithm>
 
+#include "SynchronizerDiagnostics.h"
 #include "ThreadInfoSlot.h"
 #include "ThreadRegistry.h"
-#include "platform.h"
 #include "concurrent/IllegalMonitorStateException.h"
+#include "platform.h"
 
 namespace mw {
 namespace detail {
 
 TLockSync::TLockSync(bool fenceFreeRelease)
-    : AbstractQueuedSynchronizer(fenceFreeRelease), m_owner(0), m_spinRounds(0) {}
+    : AbstractQueuedSynchronizer(fenceFreeRelease), m_owner(0), m_spinRounds(0) {
+    SynchronizerDiagnostics::setKind(*this, SynchronizerDiagnostics::LOCK);
+}
 
 TLockSync::TLockSync(const TLockSync& other)
     : AbstractQueuedSynchronizer(other),

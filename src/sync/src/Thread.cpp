@@ -5,6 +5,7 @@
 #include "Reclamation.h"
 #include "ThreadInfoSlot.h"
 #include "ThreadRegistry.h"
+#include "WaitRecord.h"
 #include "concurrent/AbstractQueuedSynchronizer.h"
 #include "concurrent/Guard.h"
 #include "concurrent/InterruptedException.h"
@@ -38,7 +39,7 @@ Thread::Thread(void* handle, std::uint32_t id, Runnable* target, const std::stri
     : detail::ThreadBase(handle, id),
       Object(),
       m_target(target),
-      m_name(name),
+      m_name(new std::string(name)),
       m_threadState(state),
       m_interrupted(0),
       m_parker(nullptr),
@@ -48,7 +49,12 @@ Thread::Thread(void* handle, std::uint32_t id, Runnable* target, const std::stri
       m_started(false),
       m_startRecord(nullptr),
       m_starter(nullptr) {
-    initialise();
+    try {
+        initialise();
+    } catch (...) {
+        delete m_name.load(std::memory_order_relaxed);
+        throw;
+    }
 }
 
 // The parker brings the hazard record of the thread that will run as this object (an adopted
@@ -68,6 +74,7 @@ Thread::~Thread() {
     m_parker->hazards()->withdrawObject();
     detail::HazardRecord::awaitUnprotected(this);
     platform::closeThreadHandle(m_handle.load(std::memory_order_relaxed));
+    delete m_name.load(std::memory_order_relaxed);
     delete m_parker;
     m_parker = nullptr;
 }
@@ -103,9 +110,17 @@ const Thread* Thread::adoptCurrentThread() {
 
 unsigned long Thread::getId() const { return m_id.load(std::memory_order_relaxed); }
 
-const char* Thread::getName() const { return m_name.c_str(); }
+const char* Thread::getName() const { return m_name.load(std::memory_order_acquire)->c_str(); }
 
-void Thread::setName(const char* name) { m_name = name; }
+// A thread dump may be copying the old name: it has published it in a slot first, so the old
+// string is freed once no slot holds it. [N1] the exchange makes the old string unreachable before
+// the wait; a dump that protected it re-reads m_name and finds the new one, or is waited for.
+void Thread::setName(const char* name) {
+    const std::string* fresh = new std::string(name);
+    const std::string* old = m_name.exchange(fresh, std::memory_order_seq_cst);  // [N1]
+    detail::HazardRecord::awaitUnprotected(old);
+    delete old;
+}
 
 void Thread::run() {
     if (m_target != nullptr) m_target->run();
@@ -227,14 +242,16 @@ unsigned long Thread::startThread(void* argument) {
 // Never waits on the object itself: it pins the object only to copy the handle, so that an object
 // that its own thread frees at its end (autoDelete) can go while this waits. A thread never waits
 // for itself: through its own object, or through an adopted one, whose handle means the caller.
-void* Thread::joinableHandle(const Thread* thread, bool* ended) {
+void* Thread::joinableHandle(const Thread* thread, bool* ended, unsigned long long* serial) {
     *ended = false;
+    *serial = 0;
     if (thread == detail::currentThreadFast()) return nullptr;
     detail::ThreadPin pin(thread);
     if (!pin.held()) {
         *ended = true;
         return nullptr;
     }
+    *serial = thread->m_serial;
     platform::Handle own = thread->m_handle.load(std::memory_order_acquire);  // [S2]
     if (own == platform::currentThreadHandle()) return nullptr;
     std::uint32_t code = 0;
@@ -246,10 +263,26 @@ void* Thread::joinableHandle(const Thread* thread, bool* ended) {
     return platform::duplicateThreadHandle(own);
 }
 
+namespace {
+
+// A join shows its target by serial, which outlives the object: the dump finds the object, if it
+// is still alive, through the registry.
+detail::WaitRecord::Value joinWait(const Thread* target, unsigned long long serial) {
+    detail::WaitRecord::Value value;
+    value.kind = ThreadSnapshot::JOIN;
+    value.object = target;
+    value.targetSerial = serial;
+    return value;
+}
+
+}  // namespace
+
 void Thread::join(long long milliseconds) const {
     bool ended = false;
-    platform::Handle handle = joinableHandle(this, &ended);
+    unsigned long long serial = 0;
+    platform::Handle handle = joinableHandle(this, &ended, &serial);
     if (handle == nullptr) return;
+    detail::ShownWait shown(joinWait(this, serial));
     std::uint32_t limit = milliseconds == 0 ? platform::INFINITE_WAIT
                                             : static_cast<std::uint32_t>(milliseconds);
     platform::waitThread(handle, limit);
@@ -261,8 +294,10 @@ void Thread::join(long long milliseconds) const {
 // measures a duration) has seen all of it pass.
 bool Thread::joinNanos(const Thread* thread, long long nanosTimeout) {
     bool ended = false;
-    platform::Handle handle = joinableHandle(thread, &ended);
+    unsigned long long serial = 0;
+    platform::Handle handle = joinableHandle(thread, &ended, &serial);
     if (handle == nullptr) return ended;
+    detail::ShownWait shown(joinWait(thread, serial));
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     for (long long left = nanosTimeout;;) {
         const long long millis = detail::wholeMillisUp(left);
@@ -398,7 +433,15 @@ void Thread::reportUncaught() const {
 
 void Thread::yield() { platform::yieldThread(); }
 
+// A sleep of 0 is a yield, too short to show.
 void Thread::sleep(long long milliseconds) {
+    if (static_cast<std::uint32_t>(milliseconds) == 0) {
+        platform::sleepMilliseconds(0);
+        return;
+    }
+    detail::WaitRecord::Value value;
+    value.kind = ThreadSnapshot::SLEEP;
+    detail::ShownWait shown(value);
     platform::sleepMilliseconds(static_cast<std::uint32_t>(milliseconds));
 }
 

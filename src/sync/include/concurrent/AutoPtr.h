@@ -1,6 +1,7 @@
-// AutoPtr<T>: an owning pointer that hands its pointee over on assignment. How the pointee is
-// disposed of hides behind a holder (detail::PtrContainer), so the deallocator is not part of the
-// AutoPtr's type. An AutoPtr always has a holder; it is not safe for concurrent use.
+/// @class mw::AutoPtr
+/// AutoPtr<T>: an owning pointer that hands its pointee over on assignment. How the pointee is
+/// disposed of hides behind a holder (detail::PtrContainer), so the deallocator is not part of the
+/// AutoPtr's type. An AutoPtr always has a holder; it is not safe for concurrent use.
 #ifndef MW_CONCURRENT_AUTO_PTR_H
 #define MW_CONCURRENT_AUTO_PTR_H
 
@@ -48,8 +49,8 @@ private:
 template <typename T>
 class AutoPtr {
 public:
-    // Owns pointee from here on. If the holder cannot be allocated, std::bad_alloc leaves the
-    // pointee with the caller.
+    /// Owns pointee from here on. If the holder cannot be allocated, std::bad_alloc leaves the
+    /// pointee with the caller.
     explicit AutoPtr(T* pointee = nullptr)
         : m_container(new detail::AutoPtrContainer<T, ObjectDeallocator>(pointee)) {}
 
@@ -58,8 +59,8 @@ public:
         m_container = nullptr;
     }
 
-    // Transfers ownership from source; the target's former pointee is destroyed. The source's new
-    // empty holder is made first, so a failed allocation leaves both sides as they were.
+    /// Transfers ownership from source; the target's former pointee is destroyed. The source's new
+    /// empty holder is made first, so a failed allocation leaves both sides as they were.
     AutoPtr& operator=(AutoPtr& source) {
         if (&source == this) return *this;
         detail::PtrContainer<T>* empty = source.m_container->createEmpty();
@@ -70,11 +71,15 @@ public:
         return *this;
     }
 
+    /// The pointee; null if there is none.
     T* get() const { return m_container->m_ptr; }
+    /// The pointee, which must not be null.
+    ///@{
     T* operator->() const { return m_container->m_ptr; }
     T& operator*() const { return *m_container->m_ptr; }
+    ///@}
 
-    // Copying would leave two owners of one holder.
+    /// Copying would leave two owners of one holder.
     AutoPtr(const AutoPtr&) = delete;
 
 private:

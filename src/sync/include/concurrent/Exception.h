@@ -1,8 +1,9 @@
-// Exception: the root of the library's own failures. Each object records where it was thrown and
-// carries the one-line message that what() returns:
-//   "Error in: <file> (<line>) <function>, Description: <description>"
-// The message is built once, in the constructor; a copy takes it over unchanged. From the end of
-// its constructor on an exception object is constant.
+/// @class mw::Exception
+/// Exception: the root of the library's own failures. Each object records where it was thrown and
+/// carries the one-line message that what() returns:
+/// `"Error in: <file> (<line>) <function>, Description: <description>"`
+/// The message is built once, in the constructor; a copy takes it over unchanged. From the end of
+/// its constructor on an exception object is constant.
 #ifndef MW_CONCURRENT_EXCEPTION_H
 #define MW_CONCURRENT_EXCEPTION_H
 
@@ -14,6 +15,7 @@ namespace mw {
 
 class Exception : public std::exception {
 public:
+    /// Records the site and builds the message. MW_THROW calls it with the site filled in.
     Exception(const std::string& file, const std::string& function, int line,
               const std::string& description)
         : std::exception(),
@@ -27,6 +29,7 @@ public:
         m_message = text.str();
     }
 
+    /// Takes the source's message and site over unchanged.
     Exception(const Exception& other)
         : std::exception(),
           m_message(other.m_message),
@@ -36,6 +39,7 @@ public:
 
     virtual ~Exception() noexcept {}
 
+    /// The one-line message (see Exception); valid as long as the object.
     virtual const char* what() const noexcept { return m_message.c_str(); }
 
 private:
@@ -47,7 +51,10 @@ private:
 
 }  // namespace mw
 
-// Declares an exception type that differs from its base in type alone.
+/// @file
+/// Exception, and the two macros through which the library declares and throws its failures.
+
+/// Declares an exception type that differs from its base in type alone.
 #define MW_DECLARE_EXCEPTION(Name, Base)                                     \
     class Name : public Base {                                               \
     public:                                                                  \
@@ -76,8 +83,8 @@ template <typename E>
 }  // namespace detail
 }  // namespace mw
 
-// The one throw site form: the exception type and its description; the enclosing function's
-// signature, the file and the line come from the site.
+/// The one throw site form: the exception type and its description; the enclosing function's
+/// signature, the file and the line come from the site.
 #define MW_THROW(Type, description) \
     ::mw::detail::throwException<Type>(description, __PRETTY_FUNCTION__, __FILE__, __LINE__)
 

@@ -1,6 +1,7 @@
-// Guard: holds the monitor of an Object for the span of a scope. Guards nest on one thread; each
-// adds one hold and its destructor, also on unwinding, takes one off. Entry cannot be
-// interrupted: an interrupt stays pending for the thread.
+/// @class mw::Guard
+/// Guard: holds the monitor of an Object for the span of a scope. Guards nest on one thread; each
+/// adds one hold and its destructor, also on unwinding, takes one off. Entry cannot be
+/// interrupted: an interrupt stays pending for the thread.
 //
 // Defined here, so that a program built with ThreadSanitizer sees the monitor's entry and exit
 // (TsanAnnotations.h) even over a library built without it.
@@ -22,7 +23,8 @@ constexpr char NO_GUARD_OBJECT[] = "Can't create synchronization guard without a
 
 class MW_API Guard : private boost::noncopyable {
 public:
-    // Both throw NullPointerException without an object, before touching any monitor.
+    /// Enters object's monitor, or adds a hold if the caller has it; blocks until the monitor is
+    /// free. Throws NullPointerException without an object, before touching any monitor.
     // A reference made from a null pointer is undefined behaviour, but the test is kept: the
     // address goes through a volatile so that the compiler cannot assume it non-null and drop it.
     explicit Guard(const Object& object) : m_object(nullptr) {
@@ -31,10 +33,13 @@ public:
         if (m_object == nullptr) MW_THROW(NullPointerException, detail::NO_GUARD_OBJECT);
         enter();
     }
+    /// As Guard(const Object&); throws NullPointerException for null, before touching any
+    /// monitor.
     explicit Guard(const Object* object) : m_object(object) {
         if (m_object == nullptr) MW_THROW(NullPointerException, detail::NO_GUARD_OBJECT);
         enter();
     }
+    /// Takes off the hold that the constructor added, also on unwinding. Never blocks.
     virtual ~Guard() {
         detail::tsanRelease(m_object);
         m_object->release();

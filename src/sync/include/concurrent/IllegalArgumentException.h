@@ -1,4 +1,5 @@
-// IllegalArgumentException: An argument lies outside what the operation accepts.
+/// @class mw::IllegalArgumentException
+/// IllegalArgumentException: An argument lies outside what the operation accepts.
 #ifndef MW_CONCURRENT_ILLEGAL_ARGUMENT_EXCEPTION_H
 #define MW_CONCURRENT_ILLEGAL_ARGUMENT_EXCEPTION_H
 

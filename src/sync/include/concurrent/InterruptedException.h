@@ -1,5 +1,6 @@
-// InterruptedException: The calling thread was interrupted while it waited, or on entry to an
-// interruptible wait.
+/// @class mw::InterruptedException
+/// InterruptedException: The calling thread was interrupted while it waited, or on entry to an
+/// interruptible wait.
 #ifndef MW_CONCURRENT_INTERRUPTED_EXCEPTION_H
 #define MW_CONCURRENT_INTERRUPTED_EXCEPTION_H
 

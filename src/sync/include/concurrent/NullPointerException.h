@@ -1,4 +1,5 @@
-// NullPointerException: A required pointer or object was missing.
+/// @class mw::NullPointerException
+/// NullPointerException: A required pointer or object was missing.
 #ifndef MW_CONCURRENT_NULL_POINTER_EXCEPTION_H
 #define MW_CONCURRENT_NULL_POINTER_EXCEPTION_H
 

@@ -65,6 +65,9 @@ public:
     bool isFair() const { return m_fair; }
     // The writer's object while it lives; null when no thread writes or the writer has ended.
     const Thread* getOwner() const;
+    // Thread::getSerial of the writer, 0 when none: a thread dump's reading, which dereferences
+    // nothing.
+    unsigned long long getOwnerSerial() const { return m_owner.load(std::memory_order_relaxed); }
 
     // The number of entries in the calling thread's read-hold table, and the number of tables
     // alive in the process: inspection for tests of the tables' bounds.

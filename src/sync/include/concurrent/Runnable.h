@@ -1,4 +1,5 @@
-// Runnable: a task with one operation, run.
+/// @class mw::Runnable
+/// Runnable: a task with one operation, run.
 #ifndef MW_CONCURRENT_RUNNABLE_H
 #define MW_CONCURRENT_RUNNABLE_H
 
@@ -9,6 +10,7 @@ namespace mw {
 class MW_API Runnable {
 public:
     virtual ~Runnable() {}
+    /// Does the task. A Thread calls it on its own thread.
     virtual void run() = 0;
 };
 

@@ -35,6 +35,9 @@ public:
     bool nonfairTryAcquire(int acquires);
     ConditionObject* newCondition() const;
     const Thread* getOwner() const;
+    // Thread::getSerial of the holder, 0 when free: a thread dump's reading, which dereferences
+    // nothing.
+    unsigned long long getOwnerSerial() const { return m_owner.load(std::memory_order_relaxed); }
     unsigned long long getHoldCount() const;
     bool isLocked() const;
 

@@ -1,4 +1,5 @@
-// ThreadStateException: A thread object cannot do what was asked in its present state.
+/// @class mw::ThreadStateException
+/// ThreadStateException: A thread object cannot do what was asked in its present state.
 #ifndef MW_CONCURRENT_THREAD_STATE_EXCEPTION_H
 #define MW_CONCURRENT_THREAD_STATE_EXCEPTION_H
 
