@@ -14,6 +14,7 @@ cd "$(dirname "$0")/.."
 
 families='AbstractQueuedSynchronizer|FairLockPolicy|NonFairLockPolicy|Object|Guard|Thread|Runnable'
 families+='|TimeUnit|TimeUtil|DefaultThreadFactory|Semaphore|CountDownLatch|ReadWriteLock'
+families+='|ThreadDump|ThreadSnapshot|DeadlockDetector|DeadlockCycle'
 families+='|detail::(TLockSync|ThreadBase|ParkEvent|TlsPtrBase|SemaphoreSync|CountDownLatchSync'
 families+='|ReadWriteLockSync)'
 prefix='(vtable for |typeinfo for |typeinfo name for |VTT for |(non-)?virtual thunk to )?'

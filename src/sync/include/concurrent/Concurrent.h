@@ -45,6 +45,7 @@
 #include "TlsPtr.h"
 #include "TlsPtrBase.h"
 #include "TsanAnnotations.h"
+#include "TsanCondition.h"
 #include "UnsupportedOperationException.h"
 #include "concurrent/Version.h"
 

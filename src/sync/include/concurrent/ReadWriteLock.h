@@ -21,7 +21,8 @@
 /// The standard-named operations are defined here and tell ThreadSanitizer, in a program built
 /// with it, that the lock synchronizes (TsanAnnotations.h): an unlock of either side happens before
 /// a later lock of the write side, and an unlock of the write side before a later lock of either.
-/// The Lock objects of readLock() and writeLock() run inside the library and carry no annotations.
+/// So do the Lock objects of readLock() and writeLock(), which are defined here too, and the waits
+/// on their conditions (TsanCondition.h).
 ///
 /// Limits: 65535 write holds, 65535 read holds over all threads; one more throws
 /// IllegalMonitorStateException "Maximum lock count exceeded" and changes nothing. Unlocking a hold
@@ -37,14 +38,16 @@
 #define MW_CONCURRENT_READ_WRITE_LOCK_H
 
 #include <boost/noncopyable.hpp>
-#include <string>
 #include <chrono>
+#include <string>
 
 #include "ChronoTimeout.h"
 #include "Export.h"
 #include "Lock.h"
 #include "ReadWriteLockSync.h"
 #include "TsanAnnotations.h"
+#include "TsanCondition.h"
+#include "UnsupportedOperationException.h"
 
 namespace mw {
 
@@ -52,21 +55,38 @@ class MW_API ReadWriteLock : private boost::noncopyable {
 public:
     /// The read side as a Lock. newCondition throws UnsupportedOperationException: a reader does
     /// not hold the lock alone, so it has nothing to wait with.
-    class MW_API ReadLock final : public Lock, private boost::noncopyable {
+    class ReadLock final : public Lock, private boost::noncopyable {
     public:
         using Lock::tryLock;
 
-        virtual void lock();
-        virtual void lockInterruptibly();
-        virtual bool tryLock(long long timeout, const TimeUnit& unit);
-        virtual bool tryLock();
-        virtual void unlock();
+        virtual void lock() {
+            m_sync.lockRead();
+            detail::tsanAcquire(&m_sync);
+        }
+        virtual void lockInterruptibly() {
+            m_sync.lockReadInterruptibly();
+            detail::tsanAcquire(&m_sync);
+        }
+        virtual bool tryLock(long long timeout, const TimeUnit& unit) {
+            return acquired(m_sync.tryLockReadNanos(unit.toNanos(timeout)));
+        }
+        virtual bool tryLock() { return acquired(m_sync.tryLockRead()); }
+        virtual void unlock() {
+            detail::tsanRelease(&m_sync);
+            m_sync.unlockRead();
+        }
         /// Throws UnsupportedOperationException: the read side has no conditions.
-        virtual Condition* newCondition();
+        virtual Condition* newCondition() {
+            MW_THROW(UnsupportedOperationException, "the read lock has no conditions");
+        }
 
     private:
         friend class ReadWriteLock;
         explicit ReadLock(detail::ReadWriteLockSync& sync) : m_sync(sync) {}
+        bool acquired(bool success) {
+            if (success) detail::tsanAcquire(&m_sync);
+            return success;
+        }
 
         detail::ReadWriteLockSync& m_sync;
     };
@@ -74,27 +94,48 @@ public:
     /// The write side as a Lock. Its conditions work as a ReentrantLock's: a wait needs the write
     /// lock, gives up every hold of the caller (write holds and its own read holds) and has them
     /// all back when it returns or throws.
-    class MW_API WriteLock final : public Lock, private boost::noncopyable {
+    class WriteLock final : public Lock, private boost::noncopyable {
     public:
         using Lock::tryLock;
 
-        virtual void lock();
-        virtual void lockInterruptibly();
-        virtual bool tryLock(long long timeout, const TimeUnit& unit);
-        virtual bool tryLock();
-        virtual void unlock();
+        virtual void lock() {
+            m_sync.lockWrite();
+            detail::tsanAcquire(&m_sync);
+        }
+        virtual void lockInterruptibly() {
+            m_sync.lockWriteInterruptibly();
+            detail::tsanAcquire(&m_sync);
+        }
+        virtual bool tryLock(long long timeout, const TimeUnit& unit) {
+            return acquired(m_sync.tryLockWriteNanos(unit.toNanos(timeout)));
+        }
+        virtual bool tryLock() { return acquired(m_sync.tryLockWrite()); }
+        virtual void unlock() {
+            detail::tsanRelease(&m_sync);
+            detail::TsanLibraryCode library;
+            m_sync.unlockWrite();
+        }
         /// A new condition of the write lock (see WriteLock); the caller owns it.
-        virtual Condition* newCondition();
+        virtual Condition* newCondition() {
+            return detail::annotatedCondition(m_sync.newCondition(), &m_sync);
+        }
 
     private:
         friend class ReadWriteLock;
         explicit WriteLock(detail::ReadWriteLockSync& sync) : m_sync(sync) {}
+        bool acquired(bool success) {
+            if (success) detail::tsanAcquire(&m_sync);
+            return success;
+        }
 
         detail::ReadWriteLockSync& m_sync;
     };
 
     /// A free lock; fair or non-fair as ReadWriteLock describes.
-    explicit ReadWriteLock(bool fair = false);
+    explicit ReadWriteLock(bool fair = false)
+        : m_sync(fair), m_readLock(m_sync), m_writeLock(m_sync) {
+        m_sync.setDiagnosticIdentity(this);
+    }
     /// Neither unlocks nor looks at waiters.
     ~ReadWriteLock();
 
@@ -112,12 +153,12 @@ public:
     /// meanwhile does not end the wait and is re-asserted on return.
     void lock() {
         m_sync.lockWrite();
-        detail::tsanAcquire(this);
+        detail::tsanAcquire(&m_sync);
     }
     /// Gives up one write hold. Throws IllegalMonitorStateException, changing nothing, unless the
     /// caller holds the write lock. Never blocks.
     void unlock() {
-        detail::tsanRelease(this);
+        detail::tsanRelease(&m_sync);
         detail::TsanLibraryCode library;
         m_sync.unlockWrite();
     }
@@ -153,12 +194,12 @@ public:
     /// end the wait and is re-asserted on return.
     void lock_shared() {
         m_sync.lockRead();
-        detail::tsanAcquire(this);
+        detail::tsanAcquire(&m_sync);
     }
     /// Gives up one read hold of the caller. Throws IllegalMonitorStateException, changing
     /// nothing, when the caller has none. Never blocks.
     void unlock_shared() {
-        detail::tsanRelease(this);
+        detail::tsanRelease(&m_sync);
         m_sync.unlockRead();
     }
     /// Takes a read hold unless another thread writes, whoever is queued; true if it did. Never
@@ -225,7 +266,7 @@ public:
 
 private:
     bool acquired(bool success) {
-        if (success) detail::tsanAcquire(this);
+        if (success) detail::tsanAcquire(&m_sync);
         return success;
     }
 

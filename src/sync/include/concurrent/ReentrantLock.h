@@ -13,8 +13,8 @@
 /// The standard names come from Lock (try_lock, try_lock_for, try_lock_until, and tryLock for a
 /// std::chrono duration), so std::unique_lock, std::scoped_lock and std::lock take the lock as it
 /// is. Every path that takes or gives up the lock here tells ThreadSanitizer so
-/// (TsanAnnotations.h): a program built with it sees the lock synchronize even over a library
-/// built without it.
+/// (TsanAnnotations.h), and so does every wait on a condition of newCondition (TsanCondition.h): a
+/// program built with it sees the lock synchronize even over a library built without it.
 #ifndef MW_CONCURRENT_REENTRANT_LOCK_H
 #define MW_CONCURRENT_REENTRANT_LOCK_H
 
@@ -27,6 +27,7 @@
 #include "NullPointerException.h"
 #include "TimeUnit.h"
 #include "TsanAnnotations.h"
+#include "TsanCondition.h"
 
 namespace mw {
 
@@ -59,7 +60,9 @@ public:
         detail::TsanLibraryCode library;
         m_sync.release(1);
     }
-    virtual Condition* newCondition() { return m_sync.newCondition(); }
+    virtual Condition* newCondition() {
+        return detail::annotatedCondition(m_sync.newCondition(), this);
+    }
 
     /// The calling thread's holds; 0 unless it holds the lock.
     virtual unsigned long long getHoldCount() const { return m_sync.getHoldCount(); }
@@ -116,7 +119,8 @@ private:
     // The library's own condition behind condition, or null for another implementation.
     static const AbstractQueuedSynchronizer::ConditionObject* conditionObject(
         const Condition* condition) {
-        return dynamic_cast<const AbstractQueuedSynchronizer::ConditionObject*>(condition);
+        return dynamic_cast<const AbstractQueuedSynchronizer::ConditionObject*>(
+            detail::TsanCondition::unwrap(condition));
     }
 
     Policy m_sync;
