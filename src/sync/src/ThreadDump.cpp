@@ -56,14 +56,19 @@ std::string ThreadDump::toString() const {
 }
 
 // The graph holds the threads that wait and the threads that hold or are joined, and one node per
-// object waited on; an edge of a cycle joins two threads of that cycle.
+// object waited on (a monitor's entries and waits share one); an edge of a cycle joins two threads
+// of that cycle.
 std::string ThreadDump::toDot(const std::vector<DeadlockCycle>& cycles) const {
     std::set<unsigned long long> shown;
+    std::set<const void*> inCycles;
     for (const ThreadSnapshot& thread : m_threads) {
         if (!thread.isWaiting()) continue;
         shown.insert(thread.serial);
         if (thread.ownerSerial != 0 && find(thread.ownerSerial) != nullptr) {
             shown.insert(thread.ownerSerial);
+        }
+        if (inCycle(cycles, thread.serial) && inCycle(cycles, thread.ownerSerial)) {
+            inCycles.insert(thread.waitsOn);
         }
     }
     std::string dot = "digraph waits {\n  rankdir=LR;\n  node [fontname=\"Helvetica\"];\n"
@@ -76,6 +81,7 @@ std::string ThreadDump::toDot(const std::vector<DeadlockCycle>& cycles) const {
                (inCycle(cycles, serial) ? CYCLE_COLOUR : "") + "];\n";
     }
     std::set<const void*> objects;
+    std::set<const void*> held;
     for (const ThreadSnapshot& thread : m_threads) {
         if (!thread.isWaiting()) continue;
         const bool cycleEdge = inCycle(cycles, thread.serial) && inCycle(cycles, thread.ownerSerial);
@@ -87,19 +93,24 @@ std::string ThreadDump::toDot(const std::vector<DeadlockCycle>& cycles) const {
             continue;
         }
         if (thread.waitsOn == nullptr) continue;
-        const std::string object = synchronizerNode(thread.waitsOn);
+        const std::string object = "\"" + synchronizerNode(thread.waitsOn) + "\"";
         if (objects.insert(thread.waitsOn).second) {
-            std::string label = ThreadSnapshot::kindName(thread.waitKind);
+            std::string label = ThreadSnapshot::kindName(
+                thread.waitKind == ThreadSnapshot::MONITOR_WAIT ? ThreadSnapshot::MONITOR_ENTER
+                                                                : thread.waitKind);
             if (!thread.waitsOnName.empty()) label += " " + detail::quoted(thread.waitsOnName);
-            dot += "  \"" + object + "\" [shape=ellipse label=\"" + dotText(label) + "\\n" +
-                   detail::hexAddress(thread.waitsOn) + "\"" + colour + "];\n";
-            if (thread.ownerSerial != 0 && shown.count(thread.ownerSerial) != 0) {
-                dot += "  \"" + object + "\" -> " + threadNode(thread.ownerSerial) +
-                       " [label=\"held by\"" + colour + "];\n";
-            }
+            dot += "  " + object + " [shape=ellipse label=\"" + dotText(label) + "\\n" +
+                   detail::hexAddress(thread.waitsOn) + "\"" +
+                   (inCycles.count(thread.waitsOn) != 0 ? CYCLE_COLOUR : "") + "];\n";
         }
-        dot += "  " + threadNode(thread.serial) + " -> \"" + object + "\" [label=\"waits on\"" +
-               colour + "];\n";
+        if (thread.ownerSerial != 0 && shown.count(thread.ownerSerial) != 0 &&
+            held.insert(thread.waitsOn).second) {
+            dot += "  " + object + " -> " + threadNode(thread.ownerSerial) +
+                   " [label=\"held by\"" + colour + "];\n";
+        }
+        dot += "  " + threadNode(thread.serial) + " -> " + object + " [label=\"" +
+               (thread.waitKind == ThreadSnapshot::MONITOR_WAIT ? "waits in" : "waits on") +
+               "\"" + colour + "];\n";
     }
     return dot + "}\n";
 }

@@ -48,9 +48,10 @@ public:
     const ThreadSnapshot* find(unsigned long long serial) const;
     /// The text form described above.
     std::string toString() const;
-    /// The wait-for graph as Graphviz DOT: a box per thread, an ellipse per synchronizer, "waits
-    /// on" edges from threads, "held by" edges to owners, "joins" edges between threads. Threads
-    /// and edges of the given cycles are drawn in red.
+    /// The wait-for graph as Graphviz DOT: a box per thread that waits or is waited for, an
+    /// ellipse per object waited on, "waits on" edges from threads ("waits in" for a monitor
+    /// wait), "held by" edges to owners, "joins" edges between threads. Threads, objects and
+    /// edges of the given cycles are drawn in red.
     std::string toDot(const std::vector<DeadlockCycle>& cycles = std::vector<DeadlockCycle>())
         const;
 

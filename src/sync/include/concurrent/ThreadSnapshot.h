@@ -55,7 +55,8 @@ struct MW_API ThreadSnapshot {
     /// Condition, the ReadWriteLock, the Semaphore, the CountDownLatch, the thread joined, or a
     /// program's own synchronizer. Null when not waiting, and for SLEEP.
     const void* waitsOn = nullptr;
-    /// The diagnostic name of what is waited on (setDiagnosticName); the thread's name for JOIN.
+    /// The diagnostic name of what is waited on (setDiagnosticName; for a condition, its lock's);
+    /// the thread's name for JOIN.
     /// Empty when none was given.
     std::string waitsOnName;
     /// The serial of the thread that held what is waited on exclusively (the lock's or the
