@@ -12,16 +12,16 @@ namespace mw {
 
 /// One cycle of the wait-for graph, as DeadlockDetector found it: each thread waits on what the
 /// next one holds (or joins the next one), and the last waits on what the first holds.
-struct MW_API DeadlockCycle {
+struct DeadlockCycle {
     /// The threads of the ring, in wait-for order, each with what it waits on and its owner
     /// (ownerSerial is the serial of the next thread). Starts with the thread of the smallest
     /// serial, so that the same cycle always reads the same.
     std::vector<ThreadSnapshot> threads;
 
     /// Whether the thread with that serial is in the cycle.
-    bool contains(unsigned long long serial) const;
+    MW_API bool contains(unsigned long long serial) const;
     /// "Deadlock of N threads:" and then each thread's lines as in a ThreadDump.
-    std::string toString() const;
+    MW_API std::string toString() const;
 };
 
 }  // namespace mw

@@ -21,12 +21,12 @@ namespace mw {
 /// owner was read twice the same, so at one moment in between all of them waited on one another.
 /// A cycle of untimed, uninterruptible waits then lasts for ever; a timed or interruptible wait
 /// in it can still end it.
-class MW_API DeadlockDetector {
+class DeadlockDetector {
 public:
     /// Every deadlock cycle found now, each once; empty when there is none.
-    static std::vector<DeadlockCycle> findDeadlocks();
+    MW_API static std::vector<DeadlockCycle> findDeadlocks();
     /// The text of every cycle (DeadlockCycle::toString), or "No deadlock found.\n".
-    static std::string toString(const std::vector<DeadlockCycle>& cycles);
+    MW_API static std::string toString(const std::vector<DeadlockCycle>& cycles);
 };
 
 }  // namespace mw

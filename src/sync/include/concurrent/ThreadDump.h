@@ -37,23 +37,23 @@ namespace mw {
 /// has an empty name) and serial where there is an exclusive owner (", thread #N" for a join),
 /// then ", for" and the time waited in milliseconds
 /// with three decimals. A sleep shows "waits on sleep, for ...".
-class MW_API ThreadDump {
+class ThreadDump {
 public:
     /// Reads every thread now. Allocates the snapshot (std::bad_alloc if it cannot); blocks no one.
-    static ThreadDump take();
+    MW_API static ThreadDump take();
 
     /// Every thread, in the order of their serials.
     const std::vector<ThreadSnapshot>& threads() const { return m_threads; }
     /// The snapshot of the thread with that serial, or null.
-    const ThreadSnapshot* find(unsigned long long serial) const;
+    MW_API const ThreadSnapshot* find(unsigned long long serial) const;
     /// The text form described above.
-    std::string toString() const;
+    MW_API std::string toString() const;
     /// The wait-for graph as Graphviz DOT: a box per thread that waits or is waited for, an
     /// ellipse per object waited on, "waits on" edges from threads ("waits in" for a monitor
     /// wait), "held by" edges to owners, "joins" edges between threads. Threads, objects and
     /// edges of the given cycles are drawn in red.
-    std::string toDot(const std::vector<DeadlockCycle>& cycles = std::vector<DeadlockCycle>())
-        const;
+    MW_API std::string toDot(
+        const std::vector<DeadlockCycle>& cycles = std::vector<DeadlockCycle>()) const;
 
 private:
     std::vector<ThreadSnapshot> m_threads;

@@ -16,7 +16,9 @@ namespace mw {
 /// identities to print and compare, never to dereference (the objects may be gone). Each
 /// snapshot is consistent in itself (read while one and the same wait lasted); two snapshots of
 /// one dump may come from slightly different moments.
-struct MW_API ThreadSnapshot {
+// The functions are exported one by one, not the type: a type of default visibility would export
+// every std:: instantiation over it (the vectors of a dump) from the library.
+struct ThreadSnapshot {
     /// What a thread waits on.
     enum WaitKind {
         NOT_WAITING = 0,      ///< Not blocked in the library (it may block elsewhere).
@@ -36,7 +38,7 @@ struct MW_API ThreadSnapshot {
     };
 
     /// The word that the text form uses for kind ("lock", "monitor wait", ...).
-    static const char* kindName(WaitKind kind);
+    MW_API static const char* kindName(WaitKind kind);
 
     /// The thread's object, as an identity.
     const Thread* thread = nullptr;
@@ -74,7 +76,7 @@ struct MW_API ThreadSnapshot {
     bool isWaiting() const { return waitKind != NOT_WAITING; }
     /// The dump's text for this thread: the line of the thread and, when it waits, the line of
     /// the wait, each ending in a newline (the format is documented on ThreadDump).
-    std::string toString() const;
+    MW_API std::string toString() const;
 };
 
 }  // namespace mw
