@@ -1,6 +1,6 @@
 // Bounded stress of the synchronizer behind ReentrantLock (both policies), its conditions and the
-// Object monitor, under random interrupts and time-outs. Counts scale with MW_STRESS_SCALE; a run
-// that does not end in time aborts the process with a message instead of hanging on a lost wake-up.
+// Object monitor, under random interrupts and time-outs (StressDriver.h). Counts scale with
+// MW_STRESS_SCALE.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,65 +13,14 @@
 #include <thread>
 #include <vector>
 
+#include "StressDriver.h"
 #include "WorkerThread.h"
 #include "concurrent/Concurrent.h"
 
 namespace {
 
+using mwtest::runWithInterrupts;
 typedef mw::AbstractQueuedSynchronizer::ConditionObject ConditionObject;
-// A worker's share of a round; loud tells whether the interrupter is at work during it.
-typedef std::function<void(int worker, std::mt19937& rng, bool loud)> Body;
-
-// Runs body on each of `workers` threads twice. The loud round, which each worker enters with its
-// flag set, runs beside an interrupter that interrupts workers at random. The quiet round starts
-// once every worker is through the loud one and the interrupter has stopped, with every flag clear:
-// only wake-ups and time-outs end waits then, so a lost wake-up shows as a hang. No worker ends
-// before the interrupter has stopped, for a thread's object dies with the thread.
-void runWithInterrupts(int workers, const Body& body) {
-    const unsigned seed = std::random_device()();
-    const char* what = testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::printf("%s: seed %u\n", what, seed);  // printed at once: a hang ends in an abort
-    std::vector<std::atomic<const mw::Thread*>> selves(workers);
-    std::atomic<int> loudDone(0), quietDone(0);
-    std::atomic<bool> interrupterDone(false);
-    mwtest::Latch ready(workers);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < workers; ++i) {
-        threads.emplace_back([&, i] {
-            const mw::Thread* self = mw::Thread::currentThread();
-            selves[i].store(self);
-            self->interrupt();
-            ready.countDown();
-            std::mt19937 rng(seed + static_cast<unsigned>(i));
-            body(i, rng, true);
-            loudDone += 1;
-            while (!interrupterDone.load()) std::this_thread::yield();
-            mw::Thread::interrupted();
-            body(i, rng, false);
-            quietDone += 1;
-        });
-    }
-    std::thread interrupter([&] {
-        ready.wait();
-        std::mt19937 rng(seed - 1);
-        while (loudDone.load() < workers) {
-            selves[rng() % workers].load()->interrupt();
-            std::this_thread::sleep_for(std::chrono::microseconds(rng() % 300));  // pacing only
-        }
-        interrupterDone = true;
-    });
-    // Polls without taking a core from the threads under test.
-    auto end = std::chrono::steady_clock::now() + std::chrono::minutes(2) * mwtest::stressScale();
-    while (quietDone.load() < workers) {
-        if (std::chrono::steady_clock::now() > end) {
-            std::fprintf(stderr, "%s: threads still blocked; aborting\n", what);
-            std::abort();
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    interrupter.join();
-    for (std::thread& t : threads) t.join();
-}
 
 // Plain, interruptible, barging and timed acquisitions at random, now and then a reentrant one on
 // top: the entries counted outside match a counter kept under the lock alone, and the lock ends
@@ -283,11 +232,12 @@ TEST(LockStress, HandOversToArrivingWaitersLoseNoWakeUp) {
     std::atomic<int> finished(0);
     mwtest::Latch start(2);
     auto awaitTurnOver = [&](int me) {
-        bool over = mwtest::eventually(
-            [&] { return lastHolder.load() != me || finished.load() != 0; },
-            std::chrono::seconds(60), 4096);
+        bool over =
+            mwtest::eventually([&] { return lastHolder.load() != me || finished.load() != 0; },
+                               std::chrono::seconds(60), 4096);
         if (!over) {
-            std::fprintf(stderr, "HandOversToArrivingWaitersLoseNoWakeUp: a waiter was not woken\n");
+            std::fprintf(stderr,
+                         "HandOversToArrivingWaitersLoseNoWakeUp: a waiter was not woken\n");
             std::abort();
         }
     };

@@ -1,29 +1,25 @@
+// Bounded stress of ReadWriteLock, fair and non-fair. Counts scale with MW_STRESS_SCALE.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <random>
-#include <thread>
-#include <vector>
 
-#include "WorkerThread.h"
+#include "StressDriver.h"
 #include "concurrent/Concurrent.h"
 
 namespace {
 
-using mwtest::WorkerThread;
-
 // Threads read and write under one ReadWriteLock by every form it has, re-enter, downgrade and
-// give up timed attempts, while the main thread interrupts them at random. Writers are alone
-// and readers never meet a writer; a plain counter, written only by writers, shows a lost update
-// (and, under TSan, a race). Afterwards the lock is free with nobody queued.
+// give up timed attempts, interrupted at random after every few reads (StressDriver.h). Writers are
+// alone and readers never meet a writer; a plain counter, written only by writers, shows a lost
+// update (and, under TSan, a race). Afterwards the lock is free with nobody queued.
 void runReadersAndWriters(bool fair, int threads) {
     const int rounds = 50000 * mwtest::stressScale();
     mw::ReadWriteLock lock(fair);
     long long data = 0;  // plain: only the lock protects it
     std::atomic<long long> writes(0), reads(0);
-    std::atomic<int> readers(0), writers(0), violations(0), finished(0), interrupts(0);
+    std::atomic<int> readers(0), writers(0), violations(0), interrupts(0);
     auto asReader = [&] {
         readers.fetch_add(1);
         if (writers.load() != 0 || data < 0) violations.fetch_add(1);
@@ -80,33 +76,21 @@ void runReadersAndWriters(bool fair, int threads) {
             lock.unlock();
         }
     };
-    std::vector<std::unique_ptr<WorkerThread>> workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back(new WorkerThread([&, t] {
-            std::mt19937 random(1000u + static_cast<unsigned>(t));
-            for (int r = 0; r < rounds; ++r) {
-                try {
-                    round(static_cast<unsigned>(random()));
-                } catch (const mw::InterruptedException&) {
-                    interrupts.fetch_add(1);
-                }
+    auto body = [&](int, std::mt19937& random, bool loud) {
+        for (int r = 0; r < (loud ? rounds : rounds / 10); ++r) {
+            try {
+                round(static_cast<unsigned>(random()));
+            } catch (const mw::InterruptedException&) {
+                interrupts.fetch_add(1);
             }
-            mw::Thread::interrupted();
-            finished.fetch_add(1);
-        }));
-    }
-    std::mt19937 random(4321u);
-    auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::minutes(2) * mwtest::stressScale();
-    while (finished.load() < threads && std::chrono::steady_clock::now() < deadline) {
-        workers[random() % threads]->self()->interrupt();
-        for (int i = 0; i < 200 && finished.load() < threads; ++i) std::this_thread::yield();
-    }
-    workers.clear();  // joining a worker that is still blocked ends the process
+        }
+    };
+    mwtest::runWithInterrupts(threads, body, &reads);
     EXPECT_EQ(0, violations.load());
     EXPECT_EQ(writes.load(), data);
     EXPECT_GT(reads.load(), 0);
     EXPECT_GT(writes.load(), 0);
+    EXPECT_GT(interrupts.load(), 0);
     EXPECT_FALSE(lock.isWriteLocked());
     EXPECT_EQ(0u, lock.getReadLockCount());
     EXPECT_EQ(0u, lock.getQueueLength());
@@ -115,7 +99,6 @@ void runReadersAndWriters(bool fair, int threads) {
 }
 
 TEST(ReadWriteLockStress, ReadersAndWritersOnNonFairLock) { runReadersAndWriters(false, 4); }
-
 TEST(ReadWriteLockStress, ReadersAndWritersOnFairLock) { runReadersAndWriters(true, 4); }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Bounded stress of Semaphore, fair and non-fair, and so of the synchronizer's shared mode. Counts
-// scale with MW_STRESS_SCALE. A thread still blocked at a deadline is reported as a failure; the
-// test then releases spare permits to free it, so that the run ends with a report, not a hang.
+// scale with MW_STRESS_SCALE. A thread still blocked at a deadline is reported as a failure (the
+// back-to-back releases then free it with spare permits) or ends the run (StressDriver.h).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "StressDriver.h"
 #include "WorkerThread.h"
 #include "concurrent/Concurrent.h"
 
@@ -19,10 +20,6 @@ namespace {
 using mwtest::WorkerThread;
 typedef std::vector<std::unique_ptr<WorkerThread>> Workers;
 typedef std::chrono::steady_clock Clock;
-
-Clock::time_point deadlineIn(std::chrono::seconds limit) {
-    return Clock::now() + limit * mwtest::stressScale();
-}
 
 // Busy-waits for a moment: a jitter that spreads where one thread's step meets another's, never
 // a way to wait for a state.
@@ -57,63 +54,35 @@ void releaseAtRandom(mw::Semaphore& s, int n, std::mt19937& rng) {
     if (first < n) s.release(n - first);
 }
 
-// Threads take 1..most permits by every form and give them back, while this thread interrupts
-// them at random; each starts with an interrupt pending, so that interrupts meet the run even
-// before this thread gets a turn. The permits held at once never pass the total, and at the end
-// every permit is back and nobody is queued.
+// Threads take 1..most permits by every form and give them back, interrupted at random after
+// every few acquisitions (StressDriver.h). The permits held at once never pass the total, and at
+// the end every permit is back and nobody is queued.
 void runRandomAcquisitions(bool fair, int permits, int threads, int most) {
     const int rounds = 20000 * mwtest::stressScale();
-    unsigned seed = std::random_device()();
-    std::printf("random acquisitions, %s: seed %u\n", fair ? "fair" : "non-fair", seed);
     mw::Semaphore s(permits, fair);
-    std::atomic<int> inUse(0), overdrawn(0), finished(0);
+    std::atomic<int> inUse(0), overdrawn(0);
     std::atomic<long long> taken(0), interrupted(0);
-    Workers workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back(new WorkerThread([&, t] {
-            std::mt19937 rng(seed + static_cast<unsigned>(t));
-            mw::Thread::currentThread()->interrupt();
-            for (int i = 0; i < rounds; ++i) {
-                int n = 1 + static_cast<int>(rng() % static_cast<unsigned>(most));
-                try {
-                    if (!acquireAtRandom(s, n, rng)) continue;
-                } catch (const mw::InterruptedException&) {
-                    interrupted.fetch_add(1);
-                    continue;
-                }
-                if (inUse.fetch_add(n) + n > permits) overdrawn.fetch_add(1);
-                if (rng() % 8 == 0) std::this_thread::yield();
-                inUse.fetch_sub(n);
-                taken.fetch_add(1);
-                releaseAtRandom(s, n, rng);
+    auto body = [&](int, std::mt19937& rng, bool loud) {
+        for (int i = 0; i < (loud ? rounds : rounds / 10); ++i) {
+            int n = 1 + static_cast<int>(rng() % static_cast<unsigned>(most));
+            try {
+                if (!acquireAtRandom(s, n, rng)) continue;
+            } catch (const mw::InterruptedException&) {
+                interrupted.fetch_add(1);
+                continue;
             }
-            finished.fetch_add(1);
-        }));
-    }
-    auto deadline = deadlineIn(std::chrono::seconds(60));
-    std::mt19937 rng(seed - 1);
-    while (finished.load() < threads && Clock::now() < deadline) {
-        workers[rng() % threads]->self()->interrupt();
-        // Let acquisitions go on between interrupts, so that the run makes progress.
-        long long until = taken.load() + 1 + static_cast<long long>(rng() % 16);
-        while (taken.load() < until && finished.load() < threads && Clock::now() < deadline) {
-            std::this_thread::yield();
+            if (inUse.fetch_add(n) + n > permits) overdrawn.fetch_add(1);
+            if (rng() % 8 == 0) std::this_thread::yield();
+            inUse.fetch_sub(n);
+            taken.fetch_add(1);
+            releaseAtRandom(s, n, rng);
         }
-    }
-    bool allFinished = finished.load() == threads;
-    if (!allFinished) {
-        ADD_FAILURE() << threads - finished.load() << " threads still blocked at the deadline with "
-                      << s.availablePermits() << " permits available and " << s.getQueueLength()
-                      << " threads queued";
-        s.release(permits * threads * most);
-    }
-    workers.clear();
+    };
+    mwtest::runWithInterrupts(threads, body, &taken);
     std::printf("  %lld acquisitions, %lld interrupted waits\n", taken.load(), interrupted.load());
     EXPECT_EQ(0, overdrawn.load());
     EXPECT_GT(interrupted.load(), 0);
-    if (allFinished) {
-        EXPECT_EQ(permits, s.availablePermits());
-    }
+    EXPECT_EQ(permits, s.availablePermits());
     EXPECT_FALSE(s.hasQueuedThreads());
     EXPECT_EQ(0u, s.getQueueLength());
 }
@@ -121,7 +90,6 @@ void runRandomAcquisitions(bool fair, int permits, int threads, int most) {
 TEST(SemaphoreStress, RandomAcquisitionsWithInterruptsConservePermitsNonFair) {
     runRandomAcquisitions(false, 5, 6, 3);
 }
-
 TEST(SemaphoreStress, RandomAcquisitionsWithInterruptsConservePermitsFair) {
     runRandomAcquisitions(true, 5, 6, 3);
 }
@@ -193,7 +161,6 @@ void runBackToBackReleases(bool fair) {
 }
 
 TEST(SemaphoreStress, BackToBackReleasesReachBothWaitersNonFair) { runBackToBackReleases(false); }
-
 TEST(SemaphoreStress, BackToBackReleasesReachBothWaitersFair) { runBackToBackReleases(true); }
 
 }  // namespace

@@ -73,14 +73,6 @@ private:
     std::atomic<long> m_releaseCalls;
 };
 
-// Waits for a worker's body. One still blocked is interrupted, so that a lost wake-up in an
-// interruptible wait fails the test instead of hanging it in the join.
-inline bool finishes(const WorkerThread& worker) {
-    if (worker.awaitFinished()) return true;
-    worker.self()->interrupt();
-    return false;
-}
-
 }  // namespace mwtest
 
 #endif

@@ -10,8 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "TestSupport.h"
 #include "concurrent/InterruptedException.h"
@@ -100,6 +102,71 @@ private:
     Latch m_exit;
     std::thread m_thread;  // last: it starts once the fields above are built
 };
+
+typedef std::unique_ptr<WorkerThread> Worker;
+
+// Waits for a worker's body. One still blocked is interrupted, so that a lost wake-up in an
+// interruptible wait fails the test instead of hanging it in the join.
+inline bool finishes(const WorkerThread& worker) {
+    if (worker.awaitFinished()) return true;
+    worker.self()->interrupt();
+    return false;
+}
+
+// Workers that a test starts one at a time; startParked returns once the new one is parked (false
+// if it finished or never parked), so workers started that way queue in the order of their start.
+// Joined at the end of the scope.
+class Workers {
+public:
+    template <typename Body>
+    WorkerThread& start(Body body) {
+        m_workers.emplace_back(new WorkerThread(std::move(body)));
+        return *m_workers.back();
+    }
+    template <typename Body>
+    bool startParked(Body body) {
+        return start(std::move(body)).awaitParked();
+    }
+    WorkerThread& operator[](std::size_t i) const { return *m_workers[i]; }
+    std::size_t size() const { return m_workers.size(); }
+    // Whether every body finished (see finishes).
+    bool finish() const {
+        bool all = true;
+        for (const Worker& worker : m_workers) all = finishes(*worker) && all;
+        return all;
+    }
+
+private:
+    std::vector<Worker> m_workers;
+};
+
+// Holds the given locks (anything with lock and unlock) on a worker of its own until released,
+// so that every attempt of the test's thread on them must wait or fail.
+class Holder {
+public:
+    template <typename... Locks>
+    explicit Holder(Locks&... locks)
+        : m_worker([this, &locks...] {
+              (locks.lock(), ...);
+              m_holding.store(true);
+              while (!m_release.load()) std::this_thread::yield();
+              (locks.unlock(), ...);
+          }) {
+        while (!m_holding.load()) std::this_thread::yield();
+    }
+    ~Holder() { release(); }
+    void release() {
+        m_release.store(true);
+        m_worker.join();
+    }
+
+private:
+    std::atomic<bool> m_holding{false};
+    std::atomic<bool> m_release{false};
+    WorkerThread m_worker;
+};
+
+inline const mw::Thread* me() { return mw::Thread::currentThread(); }
 
 }  // namespace mwtest
 

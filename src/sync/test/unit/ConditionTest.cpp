@@ -5,7 +5,6 @@
 #include <atomic>
 #include <climits>
 #include <functional>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +15,7 @@ namespace {
 
 using mwtest::finishes;
 using mwtest::interruptedOut;
+using mwtest::me;
 using mwtest::TestMutex;
 using mwtest::throwsWith;
 using mwtest::WorkerThread;
@@ -37,8 +37,6 @@ const std::pair<const char*, WaitForm> WAITS[] = {
     {"ConditionObject::awaitUntil",
      [](const ConditionObject& c) { return c.awaitUntil(mw::TimeUtil::milliTime() + 30000); }}};
 
-const mw::Thread* me() { return mw::Thread::currentThread(); }
-
 bool awaitWaiters(TestMutex& m, const ConditionObject& c, unsigned long long n) {
     return mwtest::eventually([&] {
         m.lock();
@@ -56,31 +54,31 @@ TEST(Condition, SignalTransfersTheLongestLiveWaiterOnly) {
     ConditionObject c = m.newCondition();
     std::vector<int> back;  // under m: ids of ended waits, negative for interrupted ones
     std::atomic<int> unsound(0);
-    std::vector<std::unique_ptr<WorkerThread>> w;
+    mwtest::Workers w;
     for (int id = 1; id <= 4; ++id) {
-        w.emplace_back(new WorkerThread([&, id] {
+        w.start([&, id] {
             m.acquire(2);
             back.push_back(interruptedOut([&] { c.await(); }) ? -id : id);
             if (m.state() != 2 || me()->isInterrupted()) unsound += 1;
             m.release(2);
-        }));
+        });
         EXPECT_TRUE(awaitWaiters(m, c, id));
     }
     m.lock();
     EXPECT_EQ(1, m.state());
-    w[0]->self()->interrupt();
-    EXPECT_TRUE(mwtest::eventually([&] { return m.isQueued(w[0]->self()); }));
+    w[0].self()->interrupt();
+    EXPECT_TRUE(mwtest::eventually([&] { return m.isQueued(w[0].self()); }));
     EXPECT_EQ(3u, m.getWaitQueueLength(&c));
     c.signal();
-    EXPECT_TRUE(m.isQueued(w[1]->self()));
-    EXPECT_FALSE(m.isQueued(w[2]->self()));
+    EXPECT_TRUE(m.isQueued(w[1].self()));
+    EXPECT_FALSE(m.isQueued(w[2].self()));
     EXPECT_EQ(2u, m.getWaitQueueLength(&c));
     c.broadcast();
-    EXPECT_TRUE(m.isQueued(w[2]->self()) && m.isQueued(w[3]->self()));
+    EXPECT_TRUE(m.isQueued(w[2].self()) && m.isQueued(w[3].self()));
     EXPECT_FALSE(m.hasWaiters(&c));
     EXPECT_TRUE(back.empty());
     m.unlock();
-    for (auto& waiter : w) EXPECT_TRUE(finishes(*waiter));
+    EXPECT_TRUE(w.finish());
     EXPECT_EQ((std::vector<int>{-1, 2, 3, 4}), back);
     EXPECT_EQ(0, unsound.load());
 }
@@ -125,12 +123,12 @@ TEST(Condition, TimedWaitsReportTimeOutsAndSignals) {
     long long afterAwait = mw::TimeUtil::nanoTime();
     EXPECT_LE(c.awaitNanos(WAIT_MS * MS), 0);
     long long afterNanos = mw::TimeUtil::nanoTime();
-    long long deadline = mw::TimeUtil::milliTime() + WAIT_MS;
-    EXPECT_FALSE(c.awaitUntil(deadline));
-    EXPECT_GT(mw::TimeUtil::milliTime(), deadline);
     EXPECT_GE(afterAwait - start, WAIT_MS * MS);
     EXPECT_GE(afterNanos - afterAwait, WAIT_MS * MS);
     EXPECT_LT(afterNanos - start, 20000 * MS);
+    long long deadline = mw::TimeUtil::milliTime() + WAIT_MS;
+    EXPECT_FALSE(c.awaitUntil(deadline));
+    EXPECT_GT(mw::TimeUtil::milliTime(), deadline);
 
     WorkerThread signaller([&] {
         for (size_t i = 0; i < std::size(WAITS); ++i) {

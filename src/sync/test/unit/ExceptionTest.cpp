@@ -20,7 +20,7 @@ TEST(Exception, WhatHasTheFixedOneLineFormatAlsoInCopies) {
 
 // Every type is caught as a mw::Exception (and so as a std::exception); only the monitor's refusal
 // is also an IllegalStateException. A throw from inside the library, caught here by type, is in
-// ThreadTest (setEvent).
+// ThreadLifecycleTest (setEvent).
 template <typename E, bool illegalState>
 constexpr bool placed() {
     return std::is_base_of<mw::Exception, E>::value &&

@@ -1,21 +1,18 @@
+// The Object monitor and its Guard: refusals, waits under nested guards, notification order.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <memory>
 #include <stdexcept>
-#include <vector>
 
-#include "TestMutex.h"
 #include "WorkerThread.h"
 #include "concurrent/Concurrent.h"
 
 namespace {
 
 using mwtest::throwsWith;
-using mwtest::WorkerThread;
 
 // Whether the calling thread holds the monitor: a wait that does not block needs it. It has no
 // effect on other waiters, unlike notify.
@@ -90,9 +87,9 @@ TEST(ObjectMonitor, WaitersUnderNestedGuardsAreNotifiedInOrderOrInterrupted) {
     const mw::Object monitor;
     std::atomic<int> back(0), order[2], interrupted(0);
     std::atomic<bool> holdsRight(true);
-    std::vector<std::unique_ptr<WorkerThread>> waiters;
+    mwtest::Workers waiters;
     for (int i = 0; i < 4; ++i) {
-        waiters.emplace_back(new WorkerThread([&, i] {
+        ASSERT_TRUE(waiters.startParked([&, i] {
             {
                 mw::Guard outer(monitor);
                 {
@@ -107,28 +104,26 @@ TEST(ObjectMonitor, WaitersUnderNestedGuardsAreNotifiedInOrderOrInterrupted) {
             }
             if (holds(monitor)) holdsRight.store(false);
         }));
-        ASSERT_TRUE(waiters.back()->awaitParked());
     }
-    for (int i : {1, 3}) waiters[i]->self()->interrupt();
-    ASSERT_TRUE(waiters[1]->awaitFinished() && waiters[3]->awaitFinished());
+    for (int i : {1, 3}) waiters[i].self()->interrupt();
+    ASSERT_TRUE(waiters[1].awaitFinished() && waiters[3].awaitFinished());
     auto backBeforeObserver = [&](void (mw::Object::*how)() const) {
         std::atomic<int> seen(-1);
-        std::unique_ptr<WorkerThread> observer;
+        mwtest::Workers observer;
         {
             mw::Guard guard(monitor);  // entered while the waiters have given up both holds
             (monitor.*how)();
-            observer.reset(new WorkerThread([&] {
+            EXPECT_TRUE(observer.startParked([&] {
                 mw::Guard inner(monitor);
                 seen.store(back.load());
             }));
-            EXPECT_TRUE(observer->awaitParked());
         }
-        EXPECT_TRUE(observer->awaitFinished());
+        EXPECT_TRUE(observer.finish());
         return seen.load();
     };
     EXPECT_EQ(1, backBeforeObserver(&mw::Object::notify));
     EXPECT_EQ(2, backBeforeObserver(&mw::Object::notifyAll));
-    for (auto& waiter : waiters) ASSERT_TRUE(waiter->awaitFinished());
+    ASSERT_TRUE(waiters.finish());
     EXPECT_EQ(0, order[0].load());
     EXPECT_EQ(2, order[1].load());
     EXPECT_EQ(2, interrupted.load());

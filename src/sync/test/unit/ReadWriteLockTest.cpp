@@ -1,13 +1,11 @@
 // ReadWriteLock: sharing and exclusion, re-entry, downgrade and the refused upgrade, the write
-// side's conditions, writers among readers, interrupts and time-outs in the queue, the standard
-// wrappers and their time conversions, misuse, and the per-thread read-hold tables.
+// side's conditions, writers among readers, interrupts and time-outs in the queue, misuse, and the
+// per-thread read-hold tables. Its std::chrono forms are among StdInteropTest's tables.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <climits>
 #include <functional>
-#include <limits>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -21,11 +19,13 @@ namespace {
 
 using mwtest::eventually;
 using mwtest::throwsWith;
+using mwtest::Workers;
 using mwtest::WorkerThread;
 using std::chrono::milliseconds;
 typedef mw::detail::ReadWriteLockSync Sync;
 typedef mw::IllegalMonitorStateException IMSE;
-typedef std::unique_ptr<WorkerThread> Worker;
+typedef std::shared_lock<mw::ReadWriteLock> Shared;
+typedef std::unique_lock<mw::ReadWriteLock> Unique;
 
 const char* const READ_NOT_HELD = "read lock not held by the calling thread";
 const char* const WRITE_NOT_HELD = "write lock not held by the calling thread";
@@ -35,13 +35,6 @@ const char* const UPGRADE =
 
 const mw::TimeUnit& SECONDS() { return mw::TimeUnit::SECONDS(); }
 
-// A worker whose body blocks on the lock; returns once it is parked there.
-Worker queued(std::function<void()> body) {
-    Worker worker(new WorkerThread(body));
-    EXPECT_TRUE(worker->awaitParked());
-    return worker;
-}
-
 struct ReadWriteLockTest : testing::TestWithParam<bool> {};
 INSTANTIATE_TEST_SUITE_P(Fairness, ReadWriteLockTest, testing::Values(false, true),
                          [](const testing::TestParamInfo<bool>& info) {
@@ -50,19 +43,22 @@ INSTANTIATE_TEST_SUITE_P(Fairness, ReadWriteLockTest, testing::Values(false, tru
 
 // ---- sharing, re-entry, downgrade, upgrade ------------------------------------------------------
 
-// Each reader stays inside until it has seen the other inside too, which only overlapping holds
-// allow; then a writer keeps out readers and writers alike.
-TEST_P(ReadWriteLockTest, ReadersOverlapAndAWriterExcludesEveryone) {
+// While this thread reads, another reads too, by the barging and the queued form (the standard
+// wrappers), but cannot write, and its timed attempt takes its whole time; a writer then keeps
+// out readers and writers alike.
+TEST_P(ReadWriteLockTest, ReadersShareAndAWriterExcludesEveryone) {
     mw::ReadWriteLock lock(GetParam());
-    std::atomic<int> inside(0), overlapped(0);
-    auto reader = [&] {
-        lock.lock_shared();
-        inside.fetch_add(1);
-        if (eventually([&] { return inside.load() == 2; })) overlapped.fetch_add(1);
-        lock.unlock_shared();
-    };
-    { WorkerThread a(reader), b(reader); }
-    EXPECT_EQ(2, overlapped.load());
+    {
+        Shared reading(lock);
+        WorkerThread([&] {
+            EXPECT_TRUE(Shared(lock, std::try_to_lock).owns_lock());
+            EXPECT_TRUE(Shared(lock, milliseconds(1)).owns_lock());
+            EXPECT_FALSE(Unique(lock, std::try_to_lock).owns_lock());
+            auto waited =
+                mwtest::elapsed([&] { EXPECT_FALSE(Unique(lock, milliseconds(30)).owns_lock()); });
+            EXPECT_GE(waited, milliseconds(30));
+        }).join();
+    }
     lock.lock();
     EXPECT_EQ(mw::Thread::currentThread(), lock.getOwner());
     WorkerThread([&] {
@@ -82,20 +78,21 @@ TEST_P(ReadWriteLockTest, ReadersOverlapAndAWriterExcludesEveryone) {
 TEST_P(ReadWriteLockTest, WriterReentersAndDowngradesToItsReadHolds) {
     mw::ReadWriteLock lock(GetParam());
     lock.lock();
-    Worker writer = queued([&] { std::lock_guard<mw::ReadWriteLock> scope(lock); });
+    Workers w;
+    EXPECT_TRUE(w.startParked([&] { std::lock_guard<mw::ReadWriteLock> scope(lock); }));
     EXPECT_TRUE(lock.try_lock() && lock.writeLock().tryLock(0, SECONDS()));
     EXPECT_TRUE(lock.try_lock_shared_for(std::chrono::seconds(30)));
     EXPECT_EQ(3u, lock.getWriteHoldCount());
     for (int i = 0; i < 3; ++i) lock.unlock();
     lock.unlock_shared();
-    ASSERT_TRUE(writer->awaitFinished());
+    ASSERT_TRUE(w[0].awaitFinished());
 
     lock.lock();
     std::atomic<bool> readerIn(false);
-    Worker reader = queued([&] {
-        std::shared_lock<mw::ReadWriteLock> scope(lock);
+    EXPECT_TRUE(w.startParked([&] {
+        Shared scope(lock);
         readerIn.store(true);
-    });
+    }));
     lock.lock_shared();
     lock.readLock().lock();
     lock.unlock();
@@ -124,7 +121,7 @@ TEST_P(ReadWriteLockTest, UpgradeIsRefusedByEveryWriteFormAndKeepsTheReadHolds) 
         [&] { lock.lock(); }};
     mwtest::Latch done(1);
     WorkerThread other([&] {
-        std::shared_lock<mw::ReadWriteLock> scope(lock);
+        Shared scope(lock);
         done.wait();
     });
     ASSERT_TRUE(eventually([&] { return lock.getReadLockCount() == 1; }));
@@ -251,10 +248,11 @@ TEST_P(ReadWriteLockTest, ReaderReentersWhileAWriterIsQueued) {
         while (lock.getReadHoldCount() > 0) lock.unlock_shared();
     });
     ASSERT_TRUE(eventually([&] { return lock.getReadLockCount() == 1; }));
-    Worker writer = queued([&] { std::lock_guard<mw::ReadWriteLock> scope(lock); });
+    Workers writer;
+    EXPECT_TRUE(writer.startParked([&] { std::lock_guard<mw::ReadWriteLock> scope(lock); }));
     go.countDown();
-    if (!reader.awaitFinished()) reader.self()->interrupt();
-    ASSERT_TRUE(writer->awaitFinished());
+    mwtest::finishes(reader);
+    ASSERT_TRUE(writer.finish());
     EXPECT_EQ(5u, holds.load());
 }
 
@@ -263,7 +261,7 @@ TEST_P(ReadWriteLockTest, ReaderReentersWhileAWriterIsQueued) {
 // ends before the reader has queued proves nothing, so that round runs again with a longer one.
 TEST_P(ReadWriteLockTest, ReaderQueuedBehindAWriterThatGivesUpGetsIn) {
     mw::ReadWriteLock lock(GetParam());
-    std::shared_lock<mw::ReadWriteLock> held(lock);
+    Shared held(lock);
     bool timedOutWriterSeen = false;
     for (long patience : {0, 100, 400, 1600, 6400}) {
         SCOPED_TRACE(patience);
@@ -275,7 +273,7 @@ TEST_P(ReadWriteLockTest, ReaderQueuedBehindAWriterThatGivesUpGetsIn) {
             }
         });
         ASSERT_TRUE(writer.awaitParked() || patience > 0);
-        WorkerThread reader([&] { std::shared_lock<mw::ReadWriteLock> scope(lock); });
+        WorkerThread reader([&] { Shared scope(lock); });
         bool queuedBehindWriter = reader.awaitParked();  // readers wait only for a queued writer
         if (patience == 0) writer.self()->interrupt();
         ASSERT_TRUE(writer.awaitFinished() && reader.awaitFinished());
@@ -293,119 +291,38 @@ TEST_P(ReadWriteLockTest, ReaderQueuedBehindAWriterThatGivesUpGetsIn) {
 TEST_P(ReadWriteLockTest, InterruptedAndTimedOutWaitersLeaveTheLockUsable) {
     mw::ReadWriteLock lock(GetParam());
     std::atomic<int> outcomes[3] = {{0}, {0}, {0}};  // interrupted, timed out, served
-    auto waiter = [&](std::function<bool()> take, bool write) {
-        return Worker(new WorkerThread([&, take, write] {
-            try {
-                bool served = take();
-                outcomes[served ? 2 : 1].fetch_add(1);
-                if (served && write) lock.unlock();
-                if (served && !write) lock.unlock_shared();
-            } catch (const mw::InterruptedException&) {
-                outcomes[0].fetch_add(1);
-            }
-        }));
-    };
+    // Each form returns whether it was served, and gives a hold it got back.
+    const std::function<bool()> forms[] = {
+        [&] { return lock.writeLock().lockInterruptibly(), lock.unlock(), true; },
+        [&] { return lock.readLock().lockInterruptibly(), lock.unlock_shared(), true; },
+        [&] { return lock.try_lock_for(std::chrono::hours(1)) && (lock.unlock(), true); },
+        [&] { return lock.try_lock_shared_for(milliseconds(30)) && (lock.unlock_shared(), true); },
+        [&] { return lock.writeLock().tryLock(0, SECONDS()) && (lock.unlock(), true); }};
     lock.lock();
-    std::vector<Worker> waiters;
-    waiters.push_back(waiter(
-        [&] {
-            lock.writeLock().lockInterruptibly();
-            return true;
-        },
-        true));
-    waiters.push_back(waiter(
-        [&] {
-            lock.readLock().lockInterruptibly();
-            return true;
-        },
-        false));
-    waiters.push_back(waiter([&] { return lock.try_lock_for(std::chrono::hours(1)); }, true));
-    for (auto& w : waiters) ASSERT_TRUE(w->awaitParked());
-    waiters.push_back(waiter([&] { return lock.try_lock_shared_for(milliseconds(30)); }, false));
-    waiters.push_back(waiter([&] { return lock.writeLock().tryLock(0, SECONDS()); }, true));
-    waiters[0]->self()->interrupt();
-    waiters[1]->self()->interrupt();
+    Workers waiters;
+    for (const std::function<bool()>& form : forms) {
+        auto body = [&] {
+            try {
+                outcomes[form() ? 2 : 1] += 1;
+            } catch (const mw::InterruptedException&) {
+                outcomes[0] += 1;
+            }
+        };
+        if (waiters.size() < 3) {
+            ASSERT_TRUE(waiters.startParked(body));
+        } else {
+            waiters.start(body);
+        }
+    }
+    waiters[0].self()->interrupt();
+    waiters[1].self()->interrupt();
     ASSERT_TRUE(eventually([&] { return outcomes[0].load() == 2 && outcomes[1].load() == 2; }));
     lock.unlock();
-    for (auto& w : waiters) ASSERT_TRUE(w->awaitFinished());
+    ASSERT_TRUE(waiters.finish());
     EXPECT_EQ(1, outcomes[2].load());
     EXPECT_EQ(0u, lock.getQueueLength());
     EXPECT_TRUE(lock.try_lock());
     lock.unlock();
-}
-
-// ---- the standard wrappers and their times ------------------------------------------------------
-
-TEST_P(ReadWriteLockTest, StandardWrappersLockEachSideAndTimedOnesNeverEndEarly) {
-    typedef std::shared_lock<mw::ReadWriteLock> Shared;
-    typedef std::unique_lock<mw::ReadWriteLock> Unique;
-    mw::ReadWriteLock lock(GetParam());
-    {
-        Shared shared(lock);
-        WorkerThread([&] {
-            EXPECT_TRUE(Shared(lock, std::try_to_lock).owns_lock());
-            EXPECT_TRUE(Shared(lock, milliseconds(1)).owns_lock());
-            EXPECT_FALSE(Unique(lock, std::try_to_lock).owns_lock());
-            auto waited =
-                mwtest::elapsed([&] { EXPECT_FALSE(Unique(lock, milliseconds(30)).owns_lock()); });
-            EXPECT_GE(waited, milliseconds(30));
-        }).join();
-    }
-    Unique exclusive(lock);
-    WorkerThread([&] {
-        EXPECT_FALSE(Shared(lock, std::try_to_lock).owns_lock());
-        auto deadline = std::chrono::system_clock::now() + milliseconds(30);
-        EXPECT_FALSE(lock.try_lock_shared_until(deadline));
-        EXPECT_GE(std::chrono::system_clock::now(), deadline);
-    }).join();
-    exclusive.unlock();
-    EXPECT_TRUE(lock.try_lock_until(std::chrono::steady_clock::time_point::max()));
-    lock.unlock();
-}
-
-// A clock whose now() is fixed at 1.5 ns, finer than a nanosecond, and counted.
-struct FixedClock {
-    typedef std::chrono::duration<long long, std::pico> duration;
-    typedef duration::rep rep;
-    typedef duration::period period;
-    typedef std::chrono::time_point<FixedClock> time_point;
-    [[maybe_unused]] static const bool is_steady = true;
-    static std::atomic<int> calls;
-    static time_point now() {
-        calls.fetch_add(1);
-        return time_point(duration(1500));
-    }
-};
-std::atomic<int> FixedClock::calls(0);
-
-// A duration rounds up and saturates instead of overflowing; a deadline is taken against its own
-// clock, read once, rounded up while the clock is rounded down.
-TEST(ReadWriteLockTimes, DurationsRoundUpAndSaturate) {
-    using mw::detail::nanosUntil;
-    using mw::detail::timeoutNanos;
-    using std::chrono::duration;
-    typedef std::chrono::time_point<FixedClock, std::chrono::hours> CoarsePoint;
-    const long long MAX = LLONG_MAX;
-    const double INF = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(5, timeoutNanos(std::chrono::nanoseconds(5)));
-    EXPECT_EQ(2000000, timeoutNanos(duration<int, std::milli>(2)));
-    EXPECT_EQ(2, timeoutNanos(duration<long long, std::pico>(1001)));
-    EXPECT_EQ(0, timeoutNanos(duration<long long, std::pico>(-1999)));
-    EXPECT_EQ(MAX, timeoutNanos(std::chrono::hours::max()));
-    EXPECT_EQ(0, timeoutNanos(std::chrono::hours::min()));
-    EXPECT_EQ(MAX, timeoutNanos(duration<unsigned long long>(ULLONG_MAX)));
-    EXPECT_EQ(MAX, timeoutNanos(duration<long long, std::ratio<31556952>>(LLONG_MAX / 2)));
-    EXPECT_EQ(333333334, timeoutNanos(duration<double, std::ratio<1, 3>>(1)));
-    EXPECT_EQ(2, timeoutNanos(duration<double, std::nano>(1.25)));
-    EXPECT_EQ(MAX, timeoutNanos(duration<double>(INF)));
-    EXPECT_EQ(0, timeoutNanos(duration<double>(std::numeric_limits<double>::quiet_NaN())));
-    FixedClock::calls.store(0);
-    EXPECT_EQ(2, nanosUntil(FixedClock::time_point(FixedClock::duration(2001))));
-    EXPECT_EQ(0, nanosUntil(FixedClock::time_point(FixedClock::duration(1000))));
-    EXPECT_EQ(MAX, nanosUntil(CoarsePoint::max()));
-    EXPECT_EQ(0, nanosUntil(CoarsePoint::min()));
-    EXPECT_EQ(4, FixedClock::calls.load());
-    EXPECT_GT(nanosUntil(std::chrono::steady_clock::time_point::max()), MAX / 2);
 }
 
 // ---- the read-hold tables -----------------------------------------------------------------------

@@ -1,11 +1,11 @@
+// ReentrantLock over both policies: holds, queueing and leaving the queue, the order of the
+// refusals of its condition questions, and the fair policy's barging rules.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "TestMutex.h"
 #include "WorkerThread.h"
 #include "concurrent/Concurrent.h"
 
@@ -75,10 +75,10 @@ TYPED_TEST(ReentrantLockTest, ContendersQueueInOrderAndInterruptedOnesLeaveTheQu
     EXPECT_EQ(0u, lock.getHoldCount());
     EXPECT_FALSE(lock.isHeldByCurrentThread());
     EXPECT_FALSE(lock.tryLock());
-    std::vector<std::unique_ptr<WorkerThread>> waiters;
+    mwtest::Workers waiters;
     const int forms[5] = {0, 1, 2, 2, 1};  // lock(), lockInterruptibly(), tryLock(60 s)
     for (int i = 0; i < 5; ++i) {
-        waiters.emplace_back(new WorkerThread([&, i] {
+        ASSERT_TRUE(waiters.startParked([&, i] {
             bool threw = mwtest::interruptedOut([&] {
                 if (forms[i] == 0) lock.lock();
                 if (forms[i] == 1) lock.lockInterruptibly();
@@ -89,13 +89,12 @@ TYPED_TEST(ReentrantLockTest, ContendersQueueInOrderAndInterruptedOnesLeaveTheQu
             cleanInterrupts += threw && !lock.isHeldByCurrentThread() &&
                                !mw::Thread::currentThread()->isInterrupted();
         }));
-        ASSERT_TRUE(waiters.back()->awaitParked());
     }
-    for (int i : {1, 3}) waiters[i]->self()->interrupt();
-    bool interruptsEnded = waiters[1]->awaitFinished() && waiters[3]->awaitFinished();
+    for (int i : {1, 3}) waiters[i].self()->interrupt();
+    bool interruptsEnded = waiters[1].awaitFinished() && waiters[3].awaitFinished();
     release.countDown();
     ASSERT_TRUE(interruptsEnded);
-    for (auto& waiter : waiters) ASSERT_TRUE(waiter->awaitFinished());
+    ASSERT_TRUE(waiters.finish());
     EXPECT_EQ(2, cleanInterrupts.load());
     EXPECT_EQ(2u, holdsAtRelease.load());
     ASSERT_EQ(3, next.load());

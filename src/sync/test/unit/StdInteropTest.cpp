@@ -1,7 +1,7 @@
-// The library from the standard library's side: the std lock algorithms, wrappers and
-// condition_variable_any over its locks; the std::chrono forms of its waits, which never end early
-// and saturate on huge times; predicate waits; threads from callables; and the handler of
-// exceptions that leave run().
+// The library from the standard library's side: the std lock algorithms and wrappers over its
+// locks, and std::condition_variable_any waiting over one; the std::chrono forms of its
+// waits, which never end early and saturate on huge times, and their arithmetic; predicate waits;
+// threads from callables; and what becomes of exceptions that leave run().
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -23,6 +24,7 @@
 namespace {
 
 using mwtest::eventually;
+using mwtest::Holder;
 using mwtest::interruptedOut;
 using mwtest::WorkerThread;
 using std::chrono::hours;
@@ -33,31 +35,6 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 typedef mw::ReentrantLock<mw::NonFairLockPolicy> NonFairLock;
 typedef mw::ReentrantLock<mw::FairLockPolicy> FairLock;
-
-// Holds the locks on a thread of its own until released.
-class Holder {
-public:
-    template <typename... Locks>
-    explicit Holder(Locks&... locks)
-        : m_worker([this, &locks...] {
-              (locks.lock(), ...);
-              m_holding.store(true);
-              while (!m_release.load()) std::this_thread::yield();
-              (locks.unlock(), ...);
-          }) {
-        while (!m_holding.load()) std::this_thread::yield();
-    }
-    ~Holder() { release(); }
-    void release() {
-        m_release.store(true);
-        m_worker.join();
-    }
-
-private:
-    std::atomic<bool> m_holding{false};
-    std::atomic<bool> m_release{false};
-    WorkerThread m_worker;
-};
 
 TEST(StdInterop, LockAlgorithmsAndWrappersTakeTheLibrarysLocks) {
     NonFairLock a;
@@ -93,6 +70,10 @@ TEST(StdInterop, LockAlgorithmsAndWrappersTakeTheLibrarysLocks) {
     EXPECT_EQ(1u, a.getHoldCount());
 }
 
+// Every timed form, asked for a time in which it cannot succeed, must take at least that time:
+// also 1500 us, which a whole-millisecond wait would cut to 1 ms, and 1 ns, which must not turn
+// into "no wait" nor "no limit". Each form returns whether it succeeded.
+// A wait gives the library's lock up and takes it back through the lock's own lock and unlock.
 TEST(StdInterop, ConditionVariableAnyWaitsOverTheLibrarysLock) {
     NonFairLock lock;
     std::condition_variable_any changed;
@@ -117,9 +98,6 @@ TEST(StdInterop, ConditionVariableAnyWaitsOverTheLibrarysLock) {
     EXPECT_TRUE(lock.isHeldByCurrentThread());
 }
 
-// Every timed form, asked for a time in which it cannot succeed, must take at least that time:
-// also 1500 us, which a whole-millisecond wait would cut to 1 ms, and 1 ns, which must not turn
-// into "no wait" nor "no limit". Each form returns whether it succeeded.
 TEST(StdInterop, ChronoWaitsNeverEndEarly) {
     NonFairLock nonFair;
     FairLock fair;
@@ -175,10 +153,13 @@ TEST(StdInterop, ChronoWaitsNeverEndEarly) {
             EXPECT_GE(steady_clock::now() - start, time) << form.first << " " << time.count();
         }
     }
-    // A fractional count rounds up too.
+    // A fractional count rounds up too; a deadline on another clock is reached on that clock.
     auto start = steady_clock::now();
     EXPECT_FALSE(rw.try_lock_for(std::chrono::duration<double, std::milli>(1.5)));
     EXPECT_GE(steady_clock::now() - start, microseconds(1500));
+    auto deadline = std::chrono::system_clock::now() + milliseconds(20);
+    EXPECT_FALSE(rw.try_lock_shared_until(deadline));
+    EXPECT_GE(std::chrono::system_clock::now(), deadline);
     holder.release();
     end.countDown();
     EXPECT_TRUE(blocked.join(seconds(30)));
@@ -198,9 +179,11 @@ TEST(StdInterop, HugeTimesSaturateToTheLongestFiniteWait) {
     lock.unlock();
     mw::Semaphore one(1);
     EXPECT_TRUE(one.try_acquire_for(hours::max()));
+    mw::ReadWriteLock rw;
+    EXPECT_TRUE(rw.try_lock_until(steady_clock::time_point::max()));
+    rw.unlock();
 
     NonFairLock held;
-    mw::ReadWriteLock rw;
     NonFairLock own;
     std::unique_ptr<mw::Condition> condition(own.newCondition());
     mw::Object monitor;
@@ -243,8 +226,51 @@ TEST(StdInterop, HugeTimesSaturateToTheLongestFiniteWait) {
     EXPECT_TRUE(unstarted.join(hours::max()));
 }
 
+// A clock whose now() is fixed at 1.5 ns, finer than a nanosecond, and counted.
+struct FixedClock {
+    typedef std::chrono::duration<long long, std::pico> duration;
+    typedef duration::rep rep;
+    typedef duration::period period;
+    typedef std::chrono::time_point<FixedClock> time_point;
+    [[maybe_unused]] static const bool is_steady = true;
+    static std::atomic<int> calls;
+    static time_point now() {
+        calls.fetch_add(1);
+        return time_point(duration(1500));
+    }
+};
+std::atomic<int> FixedClock::calls(0);
+
+// A duration rounds up to nanoseconds and saturates instead of overflowing; a deadline is taken
+// against its own clock, read once, rounded up while the clock is rounded down. A wait in whole
+// milliseconds rounds up and stays below the platform's "no limit".
 TEST(StdInterop, ChronoTimeoutArithmetic) {
-    using mw::detail::wholeMillisUp;
+    using mw::detail::nanosUntil;
+    using mw::detail::timeoutNanos;
+    using std::chrono::duration;
+    typedef std::chrono::time_point<FixedClock, hours> CoarsePoint;
+    const long long MAX = LLONG_MAX;
+    const double INF = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(5, timeoutNanos(nanoseconds(5)));
+    EXPECT_EQ(2000000, timeoutNanos(duration<int, std::milli>(2)));
+    EXPECT_EQ(2, timeoutNanos(duration<long long, std::pico>(1001)));
+    EXPECT_EQ(0, timeoutNanos(duration<long long, std::pico>(-1999)));
+    EXPECT_EQ(MAX, timeoutNanos(hours::max()));
+    EXPECT_EQ(0, timeoutNanos(hours::min()));
+    EXPECT_EQ(MAX, timeoutNanos(duration<unsigned long long>(ULLONG_MAX)));
+    EXPECT_EQ(MAX, timeoutNanos(duration<long long, std::ratio<31556952>>(LLONG_MAX / 2)));
+    EXPECT_EQ(333333334, timeoutNanos(duration<double, std::ratio<1, 3>>(1)));
+    EXPECT_EQ(2, timeoutNanos(duration<double, std::nano>(1.25)));
+    EXPECT_EQ(MAX, timeoutNanos(duration<double>(INF)));
+    EXPECT_EQ(0, timeoutNanos(duration<double>(std::numeric_limits<double>::quiet_NaN())));
+    FixedClock::calls.store(0);
+    EXPECT_EQ(2, nanosUntil(FixedClock::time_point(FixedClock::duration(2001))));
+    EXPECT_EQ(0, nanosUntil(FixedClock::time_point(FixedClock::duration(1000))));
+    EXPECT_EQ(MAX, nanosUntil(CoarsePoint::max()));
+    EXPECT_EQ(0, nanosUntil(CoarsePoint::min()));
+    EXPECT_EQ(4, FixedClock::calls.load());
+    EXPECT_GT(nanosUntil(steady_clock::time_point::max()), MAX / 2);
+
     const long long LONGEST = 0xFFFFFFFELL;
     const long long rows[][2] = {{LLONG_MIN, 0},
                                  {0, 0},
@@ -256,7 +282,7 @@ TEST(StdInterop, ChronoTimeoutArithmetic) {
                                  {LONGEST * 1000000, LONGEST},
                                  {(LONGEST + 1) * 1000000, LONGEST},
                                  {LLONG_MAX, LONGEST}};
-    for (const auto& row : rows) EXPECT_EQ(row[1], wholeMillisUp(row[0])) << row[0];
+    for (const auto& row : rows) EXPECT_EQ(row[1], mw::detail::wholeMillisUp(row[0])) << row[0];
     EXPECT_EQ(0, mw::detail::nanosLeft(steady_clock::now() - hours(1), 1000));
     EXPECT_GT(mw::detail::nanosLeft(steady_clock::now(), LLONG_MAX), LLONG_MAX / 2);
 }
@@ -274,54 +300,46 @@ TEST(StdInterop, PredicateWaitsLoopUntilThePredicateHolds) {
         tests.fetch_add(1);
         return value == 3;
     };
-    typedef std::function<bool()> Wait;  // under the lock or the monitor
-    const std::pair<const char*, Wait> onCondition[] = {
-        {"await", [&] { return condition->await(predicate), true; }},
-        {"awaitFor", [&] { return condition->awaitFor(seconds(30), predicate); }},
-        {"awaitUntil",
-         [&] { return condition->awaitUntil(steady_clock::now() + seconds(30), predicate); }},
+    // Each wait runs with its lock or monitor held and returns its result.
+    struct Wait {
+        const char* name;
+        bool onMonitor;
+        std::function<bool()> run;
     };
-    const std::pair<const char*, Wait> onMonitor[] = {
-        {"wait", [&] { return monitor.wait(predicate), true; }},
-        {"waitFor", [&] { return monitor.waitFor(seconds(30), predicate); }},
-        {"waitUntil",
+    const Wait waits[] = {
+        {"await", false, [&] { return condition->await(predicate), true; }},
+        {"awaitFor", false, [&] { return condition->awaitFor(seconds(30), predicate); }},
+        {"awaitUntil", false,
+         [&] { return condition->awaitUntil(steady_clock::now() + seconds(30), predicate); }},
+        {"wait", true, [&] { return monitor.wait(predicate), true; }},
+        {"waitFor", true, [&] { return monitor.waitFor(seconds(30), predicate); }},
+        {"waitUntil", true,
          [&] { return monitor.waitUntil(steady_clock::now() + seconds(30), predicate); }},
     };
-    for (const auto& wait : onCondition) {
+    auto holding = [&](bool onMonitor, const std::function<void()>& action) {
+        if (onMonitor) {
+            mw::Guard guard(monitor);
+            action();
+        } else {
+            std::lock_guard<NonFairLock> hold(lock);
+            action();
+        }
+    };
+    for (const Wait& wait : waits) {
         value = 0;
         tests.store(0);
         std::atomic<bool> result(false);
-        WorkerThread waiter([&] {
-            std::lock_guard<NonFairLock> hold(lock);
-            result.store(wait.second());
-        });
+        WorkerThread waiter([&] { holding(wait.onMonitor, [&] { result.store(wait.run()); }); });
         for (int v = 1; v <= 3; ++v) {
-            ASSERT_TRUE(eventually([&] { return tests.load() == v; })) << wait.first;
-            std::lock_guard<NonFairLock> hold(lock);
-            value = v;
-            condition->signal();
+            ASSERT_TRUE(eventually([&] { return tests.load() == v; })) << wait.name;
+            holding(wait.onMonitor, [&] {
+                value = v;
+                wait.onMonitor ? monitor.notify() : condition->signal();
+            });
         }
         waiter.join();
-        EXPECT_TRUE(result.load()) << wait.first;
-        EXPECT_EQ(4, tests.load()) << wait.first;
-    }
-    for (const auto& wait : onMonitor) {
-        value = 0;
-        tests.store(0);
-        std::atomic<bool> result(false);
-        WorkerThread waiter([&] {
-            mw::Guard guard(monitor);
-            result.store(wait.second());
-        });
-        for (int v = 1; v <= 3; ++v) {
-            ASSERT_TRUE(eventually([&] { return tests.load() == v; })) << wait.first;
-            mw::Guard guard(monitor);
-            value = v;
-            monitor.notify();
-        }
-        waiter.join();
-        EXPECT_TRUE(result.load()) << wait.first;
-        EXPECT_EQ(4, tests.load()) << wait.first;
+        EXPECT_TRUE(result.load()) << wait.name;
+        EXPECT_EQ(4, tests.load()) << wait.name;
     }
     // Out of time with the predicate false: false, and not before the time; true at once when it
     // holds from the start.
@@ -390,6 +408,8 @@ void remember(const mw::Thread& thread, std::exception_ptr exception) {
         std::rethrow_exception(exception);
     } catch (const std::exception& e) {
         s_failure = e.what();
+    } catch (...) {
+        s_failure = "not a std::exception";
     }
 }
 
@@ -397,25 +417,42 @@ void throwAgain(const mw::Thread&, std::exception_ptr exception) {
     std::rethrow_exception(exception);
 }
 
-TEST(StdInterop, UncaughtExceptionHandlerSeesWhatLeavesRun) {
+// Whatever leaves run goes to the handler when one is set, and is dropped after it, as is what
+// leaves the handler: the thread ends in good order (its thread-local values are cleaned) and join
+// returns.
+TEST(StdInterop, WhatLeavesRunGoesToTheHandlerAndTheThreadEndsInGoodOrder) {
     EXPECT_EQ(nullptr, mw::Thread::getUncaughtExceptionHandler());
-    mw::Thread dropped([] { throw std::runtime_error("dropped"); });
-    dropped.start();
-    EXPECT_TRUE(dropped.join(seconds(30)));
-
-    EXPECT_EQ(nullptr, mw::Thread::setUncaughtExceptionHandler(&remember));
-    EXPECT_EQ(&remember, mw::Thread::getUncaughtExceptionHandler());
-    mw::Thread failing([] { throw std::runtime_error("seen"); });
-    failing.start();
-    EXPECT_TRUE(failing.join(seconds(30)));
-    EXPECT_EQ(&failing, s_failedThread.load());
-    EXPECT_EQ("seen", s_failure);
-
-    // What leaves the handler is dropped too; the thread still ends in good order.
-    EXPECT_EQ(&remember, mw::Thread::setUncaughtExceptionHandler(&throwAgain));
-    mw::Thread again([] { throw 42; });
-    again.start();
-    EXPECT_TRUE(again.join(seconds(30)));
+    const std::function<void()> throwers[] = {
+        [] { throw std::runtime_error("seen"); },
+        [] { throw mw::InterruptedException("file", "function", 1, "interrupted"); },
+        [] { throw 42; }};
+    const mw::Thread::UncaughtExceptionHandler handlers[] = {nullptr, &remember, &throwAgain};
+    mw::Thread::UncaughtExceptionHandler previous = nullptr;
+    for (mw::Thread::UncaughtExceptionHandler handler : handlers) {
+        EXPECT_EQ(previous, mw::Thread::setUncaughtExceptionHandler(handler));
+        EXPECT_EQ(handler, mw::Thread::getUncaughtExceptionHandler());
+        previous = handler;
+        for (const std::function<void()>& thrower : throwers) {
+            s_failedThread.store(nullptr);
+            s_failure.clear();
+            mw::TlsPtr<std::function<void()>, mwtest::RunWhenCleaned> local;
+            std::atomic<bool> cleaned{false};
+            mw::Thread thread([&] {
+                local.set(new std::function<void()>([&] { cleaned.store(true); }));
+                thrower();
+            });
+            thread.start();
+            EXPECT_TRUE(thread.join(seconds(30)));
+            EXPECT_EQ(mw::Thread::TERMINATED, thread.getState());
+            EXPECT_TRUE(cleaned.load());
+            EXPECT_EQ(handler == &remember ? &thread : nullptr, s_failedThread.load());
+            if (handler != &remember) {
+                EXPECT_EQ("", s_failure);
+            } else if (&thrower == &throwers[0]) {
+                EXPECT_EQ("seen", s_failure);
+            }
+        }
+    }
     EXPECT_EQ(&throwAgain, mw::Thread::setUncaughtExceptionHandler(nullptr));
 }
 

@@ -1,5 +1,9 @@
 // The life of a Thread object: start and its handshake, states, join, priority, terminate, a
-// thread that frees its own object, and calls on an object whose thread is ending.
+// thread that frees its own object, and calls on an object whose thread is ending. Adopted objects,
+// thread-local values and a thread's end: a thread the library did not start keeps its Thread
+// object through its thread_local destructors; one that Thread::start started loses it right after
+// run(), and its destructors adopt afresh. Cases that interrupt or set thread-local values run on a
+// fresh thread: the runner's thread keeps its record and its flag until the process ends.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -31,6 +36,7 @@
 namespace {
 
 using mw::Thread;
+using Hook = std::function<void()>;
 using mwtest::Task;
 using mwtest::throwsWith;
 using std::chrono::milliseconds;
@@ -90,6 +96,8 @@ TEST(ThreadLifecycle, StateJoinAndPriorityFollowTheThreadFromNeverStartedToItsEn
     EXPECT_EQ(Thread::TERMINATED, idle.getState());
     EXPECT_FALSE(idle.isAlive());
     EXPECT_EQ(0u, idle.getId());
+    idle.interrupt();
+    EXPECT_FALSE(idle.isInterrupted()) << "an interrupt before the start is not remembered";
     EXPECT_LT(mwtest::elapsed([&] { idle.join(); }), seconds(10));
     EXPECT_LT(mwtest::elapsed([&] { idle.join(60000); }), seconds(10));
     expectNoPriority(idle);
@@ -198,17 +206,27 @@ TEST(ThreadLifecycle, ConcurrentStartsMakeOneThreadThatHasLeftNew) {
     }
 }
 
-// An adopted object cannot be started, and a join that would wait for the calling thread returns at
-// once: on its own adopted or started object, and on another thread's adopted object, whose handle
-// means "the calling thread" too.
+// An adopted object is one per thread, alive, and carries the interrupt flag. It cannot be started,
+// and a join that would wait for the calling thread returns at once: on its own adopted or started
+// object, and on another thread's adopted object, whose handle means "the calling thread" too.
 TEST(ThreadLifecycle, AdoptedObjectIsNeverStartedAndNoThreadWaitsForItself) {
     auto selfJoin = [] { return mwtest::elapsed([] { Thread::currentThread()->join(20000); }); };
     Release toEnd;
     mwtest::WorkerThread worker([&] {
+        const Thread* self = Thread::currentThread();
+        EXPECT_EQ(self, Thread::currentThread());
+        EXPECT_STREQ("linux thread", self->getName());
+        EXPECT_TRUE(self->isAlive());
+        EXPECT_FALSE(Thread::interrupted());
+        self->interrupt();
+        EXPECT_TRUE(self->isInterrupted());
+        EXPECT_TRUE(Thread::interrupted());
+        EXPECT_FALSE(Thread::interrupted() || self->isInterrupted());
         EXPECT_LT(selfJoin(), seconds(10));
         toEnd.await();
     });
     Thread* adopted = const_cast<Thread*>(worker.self());
+    EXPECT_NE(Thread::currentThread()->getId(), adopted->getId());
     EXPECT_TRUE(alreadyStarted(*adopted));
     EXPECT_LT(mwtest::elapsed([&] { adopted->join(20000); }), seconds(10));
     EXPECT_LT(selfJoin(), seconds(10));
@@ -221,27 +239,6 @@ TEST(ThreadLifecycle, AdoptedObjectIsNeverStartedAndNoThreadWaitsForItself) {
     started.start();
     started.join();
     EXPECT_LT(startedSelfJoin, seconds(10));
-}
-
-// Whatever leaves run is dropped: the thread ends in good order (its thread-local values are
-// cleaned) and join returns.
-TEST(ThreadLifecycle, RunThatThrowsEndsTheThreadInGoodOrder) {
-    std::function<void()> throwers[] = {
-        [] { throw std::runtime_error("run failed"); },
-        [] { throw mw::InterruptedException("file", "function", 1, ""); }, [] { throw 42; }};
-    for (const std::function<void()>& thrower : throwers) {
-        mw::TlsPtr<std::function<void()>, mwtest::RunWhenCleaned> local;
-        std::atomic<bool> cleaned{false};
-        Task body([&] {
-            local.set(new std::function<void()>([&] { cleaned.store(true); }));
-            thrower();
-        });
-        Thread thread(&body);
-        thread.start();
-        thread.join();
-        EXPECT_EQ(Thread::TERMINATED, thread.getState());
-        EXPECT_TRUE(cleaned.load());
-    }
 }
 
 #ifdef _WIN32
@@ -470,6 +467,142 @@ TEST(ThreadLifecycle, CallsOnAThreadThatIsFreeingItsObjectAreSafe) {
         watcher.join();
     }
     wall.unlock();
+}
+
+// ---- thread-local values and the thread's end --------------------------------------------------
+
+// Publishing a ParkEvent is the owner's own business. The refusal is thrown inside the library
+// and caught here by type.
+TEST(Thread, AnotherThreadsObjectRefusesSetEvent) {
+    mwtest::WorkerThread other([] {});
+    EXPECT_TRUE(mwtest::throwsWith<mw::ThreadStateException>(
+        [&] { other.self()->setEvent(nullptr); },
+        "This operation is only allowed for the thread istself!"));
+    EXPECT_EQ(Thread::RUNNING, other.self()->getState());
+}
+
+// The thread's end cleans what is left in each pointer once, in the order in which the pointers
+// were first set on it (not their creation order), past a cleaner that throws; a pointer left
+// null is not cleaned. reset cleans the value it replaces, unless it is the same.
+TEST(ThreadLocal, ThreadEndCleansValuesInOrderOfFirstSet) {
+    std::vector<int> log;
+    auto logs = [&log](int tag, bool throws = false) {
+        return new Hook([&log, tag, throws] {
+            log.push_back(tag);
+            if (throws) throw std::runtime_error("cleaner failed");
+        });
+    };
+    mw::TlsPtr<Hook, mwtest::RunWhenCleaned> first, second, third, nulled;
+    mwtest::onFreshThread([&] {
+        third.set(logs(3, true));
+        for (int tag = 10; tag <= 14; ++tag) delete first.set(logs(tag));
+        nulled.set(logs(99));
+        Hook* kept = logs(2);
+        second.reset(kept);
+        second.reset(kept);
+        delete nulled.set(nullptr);
+        EXPECT_TRUE(log.empty());
+        first.reset(logs(15));
+        EXPECT_EQ(std::vector<int>{14}, log);
+    });
+    EXPECT_EQ((std::vector<int>{14, 3, 15, 2}), log);
+}
+
+// Run by a thread_local's destructor at the end of the thread that armed it; kept outside the
+// object, since MinGW's emulated thread_local storage can be freed before its destructors run.
+std::atomic<Hook*> s_exitHook{nullptr};
+
+struct ExitTrigger {
+    ~ExitTrigger() {
+        Hook* hook = s_exitHook.exchange(nullptr);
+        if (hook != nullptr) (*hook)();
+    }
+};
+
+thread_local ExitTrigger t_exitTrigger;
+
+// Builds the calling thread's thread_local, which runs hook (owned by the caller) at its end.
+void runAtThreadExit(Hook* hook) {
+    s_exitHook.store(hook);
+    static_cast<void>(&t_exitTrigger);
+}
+
+// What a thread_local destructor saw of the thread's identity.
+struct Seen {
+    std::atomic<bool> ran{false};
+    std::atomic<const Thread*> thread{nullptr};
+    std::atomic<unsigned long long> serial{0};
+    std::string name;  // written before ran is set
+    std::atomic<bool> interrupted{false};
+
+    void record() {
+        const Thread* self = Thread::currentThread();
+        thread.store(self);
+        serial.store(self->getSerial());
+        name = self->getName();
+        interrupted.store(self->isInterrupted());
+        ran.store(true);
+    }
+};
+
+// Armed before the first library call, so its destructor runs after anything that call registers.
+// A new object could reuse the address, but not the serial number and the name.
+TEST(ThreadExit, ThreadLocalDestructorRunsAsTheThreadAndReleasesItsLock) {
+    mw::ReentrantLock<mw::NonFairLockPolicy> lock;
+    Seen seen;
+    std::atomic<const Thread*> self{nullptr};
+    std::atomic<unsigned long long> serial{0};
+    std::atomic<bool> released{false};
+    std::string refusal;
+    std::vector<int> order;
+    mw::TlsPtr<Hook, mwtest::RunWhenCleaned> setLate;
+    Hook atExit = [&] {
+        seen.record();
+        try {
+            lock.unlock();
+            released.store(true);
+        } catch (const std::exception& e) {
+            refusal = e.what();
+        }
+        order.push_back(1);
+        setLate.set(new Hook([&] { order.push_back(2); }));
+    };
+    mwtest::onFreshThread([&] {
+        runAtThreadExit(&atExit);
+        lock.lock();
+        Thread* thread = const_cast<Thread*>(Thread::currentThread());
+        thread->setName("exiting");
+        thread->interrupt();
+        self.store(thread);
+        serial.store(thread->getSerial());
+    });
+    ASSERT_TRUE(seen.ran.load());
+    EXPECT_EQ(self.load(), seen.thread.load());
+    EXPECT_EQ(serial.load(), seen.serial.load()) << "a new object was adopted";
+    EXPECT_EQ("exiting", seen.name);
+    EXPECT_TRUE(seen.interrupted.load()) << "the pending interrupt was lost";
+    EXPECT_TRUE(released.load()) << refusal;
+    EXPECT_TRUE(lock.tryLock()) << "the lock stayed held";
+    lock.unlock();
+    EXPECT_EQ((std::vector<int>{1, 2}), order) << "a value set by a thread_local destructor";
+}
+
+class RunOnceThread : public Thread {
+public:
+    RunOnceThread() : Thread(false, "started"), m_atExit([this] { m_seen.record(); }) {}
+    void run() override { runAtThreadExit(&m_atExit); }
+    Seen m_seen;
+    Hook m_atExit;
+};
+
+TEST(ThreadExit, StartedThreadLosesItsObjectRightAfterRun) {
+    RunOnceThread thread;
+    thread.start();
+    thread.join();
+    ASSERT_TRUE(mwtest::eventually([&] { return thread.m_seen.ran.load(); }));
+    EXPECT_NE(&thread, thread.m_seen.thread.load());
+    EXPECT_NE(thread.getSerial(), thread.m_seen.serial.load());
+    EXPECT_EQ("linux thread", thread.m_seen.name);
 }
 
 }  // namespace
