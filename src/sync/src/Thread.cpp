@@ -441,7 +441,7 @@ void Thread::sleep(long long milliseconds) {
     }
     detail::WaitRecord::Value value;
     value.kind = ThreadSnapshot::SLEEP;
-    detail::ShownWait shown(value);
+    detail::ShownWait shown(value, true);
     platform::sleepMilliseconds(static_cast<std::uint32_t>(milliseconds));
 }
 

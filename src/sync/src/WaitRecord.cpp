@@ -1,6 +1,7 @@
 #include "WaitRecord.h"
 
 #include "Parker.h"
+#include "ThreadInfo.h"
 #include "ThreadInfoSlot.h"
 #include "concurrent/TimeUtil.h"
 #include "platform.h"
@@ -58,14 +59,32 @@ bool WaitRecord::read(Value* value, unsigned long long* sequence) const {
     return false;
 }
 
-ShownWait::ShownWait(const WaitRecord::Value& value)
-    : m_record(&Parker::of(currentThreadFast())->waitRecord()), m_since(0) {
+namespace {
+
+WaitRecord* recordOfCurrentThread(bool onlyIfAdopted) {
+    if (onlyIfAdopted) {
+        void* cached = platform::cachedThreadRecord();
+        ThreadInfo* info =
+            cached != nullptr ? static_cast<ThreadInfo*>(cached) : readThreadInfoSlot();
+        if (info == nullptr) return nullptr;
+        return &Parker::of(info->getThread())->waitRecord();
+    }
+    return &Parker::of(currentThreadFast())->waitRecord();
+}
+
+}  // namespace
+
+ShownWait::ShownWait(const WaitRecord::Value& value, bool onlyIfAdopted)
+    : m_record(recordOfCurrentThread(onlyIfAdopted)), m_since(0) {
     change(value);
 }
 
-ShownWait::~ShownWait() { m_record->clear(); }
+ShownWait::~ShownWait() {
+    if (m_record != nullptr) m_record->clear();
+}
 
 void ShownWait::change(const WaitRecord::Value& value) {
+    if (m_record == nullptr) return;
     WaitRecord::Value shown = value;
     shown.since = m_since = TimeUtil::nanoTime();
     m_record->set(shown);

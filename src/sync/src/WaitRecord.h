@@ -65,7 +65,9 @@ private:
 // Shows a wait of the calling thread in its record for the life of the object.
 class ShownWait {
 public:
-    explicit ShownWait(const WaitRecord::Value& value);
+    // onlyIfAdopted: a thread that has no Thread object yet (and so is in no dump) shows nothing
+    // and is not adopted, for waits that never adopted their thread (sleep).
+    explicit ShownWait(const WaitRecord::Value& value, bool onlyIfAdopted = false);
     ~ShownWait();
     // The same scope goes on as another wait (a condition waiter that now re-acquires).
     void change(const WaitRecord::Value& value);
@@ -75,6 +77,7 @@ public:
     ShownWait& operator=(const ShownWait&) = delete;
 
 private:
+    // Null when nothing is shown.
     WaitRecord* m_record;
     long long m_since;
 };
