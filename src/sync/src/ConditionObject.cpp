@@ -30,6 +30,7 @@ namespace {
 
 Node* link(const Node* node) { return node->waiterLink.load(std::memory_order_relaxed); }
 
+
 void setLink(Node* node, Node* next) { node->waiterLink.store(next, std::memory_order_relaxed); }
 
 }  // namespace
@@ -37,13 +38,18 @@ void setLink(Node* node, Node* next) { node->waiterLink.store(next, std::memory_
 ConditionObject::ConditionObject(const AbstractQueuedSynchronizer* owner)
     : m_synchronizer(const_cast<AbstractQueuedSynchronizer*>(owner)),
       m_waiterHead(nullptr),
-      m_waiterTail(nullptr) {}
+      m_waiterTail(nullptr),
+      m_diagnosticIdentity(nullptr) {}
 
 // A node on a list is counted as one of that list's members (NodePool), so no two lists may hold
 // it: a copy binds to the same synchronizer with a list of its own, empty; an assignment changes
 // the binding and keeps this object's list.
 ConditionObject::ConditionObject(const ConditionObject& other)
-    : Condition(), m_synchronizer(other.m_synchronizer), m_waiterHead(nullptr), m_waiterTail(nullptr) {}
+    : Condition(),
+      m_synchronizer(other.m_synchronizer),
+      m_waiterHead(nullptr),
+      m_waiterTail(nullptr),
+      m_diagnosticIdentity(nullptr) {}
 
 ConditionObject& ConditionObject::operator=(const ConditionObject& other) {
     m_synchronizer = other.m_synchronizer;
@@ -59,6 +65,12 @@ ConditionObject::~ConditionObject() {
         detail::NodePool::leaveList(nullptr, w);  // no record: see ~AbstractQueuedSynchronizer
         w = next;
     }
+}
+
+// What a dump shows for a wait here: the object the program holds.
+const void* ConditionObject::shownObject() const {
+    const void* identity = m_diagnosticIdentity.load(std::memory_order_relaxed);
+    return identity != nullptr ? identity : static_cast<const Condition*>(this);
 }
 
 bool ConditionObject::isOwnedBy(const AbstractQueuedSynchronizer* synchronizer) const {
@@ -186,8 +198,8 @@ void ConditionObject::await() const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
-    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
-                                                                  static_cast<const Condition*>(this)));
+    detail::ShownWait shown(
+        detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer, shownObject()));
     int savedState = m_synchronizer->fullyRelease(node);
     int interruptMode = 0;
     while (!m_synchronizer->isOnSyncQueue(node)) {
@@ -202,8 +214,8 @@ void ConditionObject::awaitUninterruptibly() const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
-    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
-                                                                  static_cast<const Condition*>(this)));
+    detail::ShownWait shown(
+        detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer, shownObject()));
     int savedState = m_synchronizer->fullyRelease(node);
     bool interrupted = false;
     while (!m_synchronizer->isOnSyncQueue(node)) {
@@ -224,8 +236,8 @@ bool ConditionObject::await(long long time, const TimeUnit& unit) const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
-    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
-                                                                  static_cast<const Condition*>(this)));
+    detail::ShownWait shown(
+        detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer, shownObject()));
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
     bool timedOut = false;
@@ -250,8 +262,8 @@ long long ConditionObject::awaitNanos(long long nanosTimeout) const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
-    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
-                                                                  static_cast<const Condition*>(this)));
+    detail::ShownWait shown(
+        detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer, shownObject()));
     int savedState = m_synchronizer->fullyRelease(node);
     long long lastTime = TimeUtil::nanoTime();
     int interruptMode = 0;
@@ -276,8 +288,8 @@ bool ConditionObject::awaitUntil(long long deadline) const {
     if (!m_synchronizer->isHeldExclusively()) MW_THROW(IllegalMonitorStateException, "");
     detail::CriticalSection section;
     Node* node = addConditionWaiter();
-    detail::ShownWait shown(detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer,
-                                                                  static_cast<const Condition*>(this)));
+    detail::ShownWait shown(
+        detail::SynchronizerDiagnostics::conditionWait(*m_synchronizer, shownObject()));
     int savedState = m_synchronizer->fullyRelease(node);
     bool timedOut = false;
     int interruptMode = 0;

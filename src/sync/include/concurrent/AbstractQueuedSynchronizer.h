@@ -406,6 +406,12 @@ public:
     virtual void signal() const;
     virtual void broadcast() const;
 
+    /// The object that thread dumps show for a wait on this condition, for a Condition that
+    /// forwards to this one: the object the program holds. Default: this condition.
+    void setDiagnosticIdentity(const void* object) {
+        m_diagnosticIdentity.store(object, std::memory_order_relaxed);
+    }
+
 protected:
     /// True if a thread waits on this condition. Throws IllegalMonitorStateException unless the
     /// caller holds the synchronizer exclusively.
@@ -418,6 +424,7 @@ private:
     friend class AbstractQueuedSynchronizer;
 
     bool isOwnedBy(const AbstractQueuedSynchronizer* synchronizer) const;
+    const void* shownObject() const;
     Node* addConditionWaiter() const;
     void unlinkCancelledWaiters() const;
     void doSignal(Node* first) const;
@@ -430,6 +437,8 @@ private:
     AbstractQueuedSynchronizer* m_synchronizer;
     mutable Node* m_waiterHead;
     mutable Node* m_waiterTail;
+    // Set before the condition is handed out; a whole word that a waiter reads.
+    std::atomic<const void*> m_diagnosticIdentity;
 };
 
 }  // namespace mw

@@ -6,6 +6,7 @@
 #ifndef MW_CONCURRENT_TSAN_CONDITION_H
 #define MW_CONCURRENT_TSAN_CONDITION_H
 
+#include "AbstractQueuedSynchronizer.h"
 #include "Condition.h"
 #include "TimeUnit.h"
 #include "TsanAnnotations.h"
@@ -16,7 +17,12 @@ namespace detail {
 class TsanCondition final : public Condition {
 public:
     // Owns condition; lock is the address of the lock's annotations.
-    TsanCondition(Condition* condition, const void* lock) : m_condition(condition), m_lock(lock) {}
+    // Thread dumps show this object, which the program holds, for waits on condition.
+    TsanCondition(Condition* condition, const void* lock) : m_condition(condition), m_lock(lock) {
+        AbstractQueuedSynchronizer::ConditionObject* object =
+            dynamic_cast<AbstractQueuedSynchronizer::ConditionObject*>(condition);
+        if (object != nullptr) object->setDiagnosticIdentity(this);
+    }
     virtual ~TsanCondition() { delete m_condition; }
 
     using Condition::await;
