@@ -4,7 +4,7 @@
 #include <map>
 
 #include "SynchronizerDiagnostics.h"
-#include "ThreadInspection.h"
+#include "ThreadSurvey.h"
 
 namespace mw {
 
@@ -70,7 +70,7 @@ std::vector<Lines> cyclesOf(const Lines& lines) {
 
 bool allStillWaiting(const Lines& cycle) {
     for (const ThreadSnapshot& thread : cycle) {
-        if (!detail::ThreadInspection::stillWaiting(thread.serial, thread.waitSequence)) {
+        if (!detail::ThreadSurvey::stillWaiting(thread.serial, thread.waitSequence)) {
             return false;
         }
     }
@@ -80,7 +80,7 @@ bool allStillWaiting(const Lines& cycle) {
 bool ownersUnchanged(const Lines& cycle) {
     for (const ThreadSnapshot& thread : cycle) {
         unsigned long long owner = 0;
-        if (!detail::ThreadInspection::ownerNow(thread.serial, thread.waitSequence, &owner) ||
+        if (!detail::ThreadSurvey::ownerNow(thread.serial, thread.waitSequence, &owner) ||
             owner != thread.ownerSerial) {
             return false;
         }
@@ -105,7 +105,7 @@ bool confirmed(const Lines& cycle) {
 std::vector<DeadlockCycle> DeadlockDetector::findDeadlocks() {
     detail::SynchronizerDiagnostics::Inspector inspector;
     std::vector<DeadlockCycle> found;
-    for (const Lines& cycle : cyclesOf(detail::ThreadInspection::snapshotAll())) {
+    for (const Lines& cycle : cyclesOf(detail::ThreadSurvey::snapshotAll())) {
         if (!confirmed(cycle)) continue;
         DeadlockCycle deadlock;
         deadlock.threads = cycle;

@@ -4,7 +4,7 @@
 
 #include "DumpText.h"
 #include "SynchronizerDiagnostics.h"
-#include "ThreadInspection.h"
+#include "ThreadSurvey.h"
 
 namespace mw {
 
@@ -38,7 +38,7 @@ bool inCycle(const std::vector<DeadlockCycle>& cycles, unsigned long long serial
 ThreadDump ThreadDump::take() {
     detail::SynchronizerDiagnostics::Inspector inspector;
     ThreadDump dump;
-    dump.m_threads = detail::ThreadInspection::snapshotAll();
+    dump.m_threads = detail::ThreadSurvey::snapshotAll();
     return dump;
 }
 

@@ -44,7 +44,7 @@ class Parker;
 class ParkEvent;
 class ThreadInfo;
 class ThreadRecords;
-class ThreadInspection;
+class ThreadSurvey;
 
 // A callable for a thread to run: not a Runnable pointer (nor null), which Thread's other
 // constructor takes.
@@ -188,7 +188,7 @@ private:
     friend class AbstractQueuedSynchronizer;
     friend class detail::Parker;
     friend class detail::ThreadRecords;
-    friend class detail::ThreadInspection;
+    friend class detail::ThreadSurvey;
 
     // Adoption: an object for the calling thread, RUNNING, named "linux thread".
     explicit Thread(void* handle);

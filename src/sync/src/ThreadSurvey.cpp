@@ -1,4 +1,4 @@
-#include "ThreadInspection.h"
+#include "ThreadSurvey.h"
 
 #include <algorithm>
 #include <map>
@@ -83,7 +83,7 @@ private:
 
 // One line of a pinned (or the caller's own) thread. The name is protected like any pointer
 // another thread may free (Thread::setName, [N1]).
-class ThreadInspection::Reader {
+class ThreadSurvey::Reader {
 public:
     explicit Reader(HazardRecord* own) : m_own(own) {}
 
@@ -152,7 +152,7 @@ private:
     HazardRecord* m_own;
 };
 
-std::vector<ThreadSnapshot> ThreadInspection::snapshotAll() {
+std::vector<ThreadSnapshot> ThreadSurvey::snapshotAll() {
     HazardRecord* own = currentHazards();
     const Reader reader(own);
     std::vector<ThreadSnapshot> lines;
@@ -180,7 +180,7 @@ std::vector<ThreadSnapshot> ThreadInspection::snapshotAll() {
     return lines;
 }
 
-bool ThreadInspection::stillWaiting(unsigned long long serial, unsigned long long sequence) {
+bool ThreadSurvey::stillWaiting(unsigned long long serial, unsigned long long sequence) {
     const Thread* thread = ThreadRegistry::find(serial);
     if (thread == nullptr) return false;
     ThreadPin pin(thread);
@@ -188,7 +188,7 @@ bool ThreadInspection::stillWaiting(unsigned long long serial, unsigned long lon
     return Parker::of(thread)->waitRecord().unchangedSince(sequence);
 }
 
-bool ThreadInspection::ownerNow(unsigned long long serial, unsigned long long sequence,
+bool ThreadSurvey::ownerNow(unsigned long long serial, unsigned long long sequence,
                                 unsigned long long* owner) {
     const Thread* thread = ThreadRegistry::find(serial);
     if (thread == nullptr) return false;
